@@ -1,0 +1,115 @@
+// The protocol host: command frames and acknowledgements, memory and flash commands,
+// connection bring-up, and the host log. One instance exists: g_flashHost.
+#pragma once
+#include <atomic>
+#include <cstdio>
+#include <string>
+
+#include "serial/CCommU.h"
+
+enum {
+    kCmdBufferSize = 16384,
+    kFrameHeaderSize = 12,
+    kMaxReplyPayload = kReplyBufferSize - kFrameHeaderSize,  // 8,190 bytes
+    kSectorSize = 512,
+    kEraseBlockSize = 65536,
+    kFlashIdSize = 20,
+};
+
+// The embedded boot-loader image, loaded at 0x00010000 and started at 0x00010101.
+extern const unsigned char tq_BRom[];
+extern const unsigned int tq_BRom_size;
+
+// Creates every folder on the path; 1 on success, 0 when a folder cannot be made.
+int CreateMultiDirectory(std::string path);
+
+class CFlashHost {
+public:
+    CFlashHost();
+    ~CFlashHost();
+    CFlashHost(const CFlashHost&) = delete;
+    CFlashHost& operator=(const CFlashHost&) = delete;
+
+    // Frames and acknowledgement.
+    unsigned short CheckSum16(unsigned char* buf, int len);
+    unsigned int Swap32(unsigned int value);
+    unsigned short Swap16(unsigned short value);
+    int CheckAck();
+
+    // Memory and register access.
+    int Read_1_byte(unsigned int address, unsigned char* out);
+    int Read_2_byte(unsigned int address, unsigned char* out);
+    int Read_4_byte(unsigned int address, unsigned char* out);
+    int Read_8_byte(unsigned int address, unsigned char* out);
+    int Write_1_byte(unsigned int address, unsigned char* value);
+    int Write_2_byte(unsigned int address, unsigned char* value);
+    int Write_4_byte(unsigned int address, unsigned char* value);
+    int Write_8_byte(unsigned int address, unsigned char* value);
+    int ReadMemoryLen(unsigned int address, unsigned char* buffer, unsigned int count);
+    int WriteMemoryLen(unsigned int address, unsigned char* data, unsigned int count);
+    int SetJtag(unsigned char value);
+    int SetPC(unsigned int address);
+
+    // Connection bring-up and control.
+    int OpenUart();
+    int Synchron();
+    int GetFlashId();
+    int ChangeBaud(unsigned int word);
+    int ChangeUartBaud();
+    int LoadBRom();
+    void Close();
+    int SendUpgradeCmd();
+    int SysReboot();
+    int CheckComm(std::string name);
+
+    void SetComNum(std::string name);
+    std::string GetComNum();
+    void SetBaud(unsigned int baud);
+    unsigned int GetBaud();
+    void SetBitUpdateChangeOnly(int flag);
+    int GetBitUpdateChangeOnly();
+    void SetUseBrom(int flag);
+    int GetUseBrom();
+    void SetICType(int type);
+    int GetICType();
+    void SetIndex(int index);
+    int GetIndex();
+    void SetStartUpdate();  // clears the stop request
+    void SetStopUpdate();   // requests a stop; safe from any thread
+    int GetUpdateStatus();  // 1 once a stop was requested
+
+    // Flash sectors and length operations.
+    int EraseFlash(unsigned int address);
+    int ReadSector(unsigned int sector, unsigned char* buffer, unsigned int count);
+    int WriteSector(unsigned int sector, unsigned char* data, unsigned int count);
+    int EraseFlashLength(unsigned int address, unsigned int length);
+    int ReadFlashLength(unsigned int address, unsigned char* buffer, unsigned int length);
+    int WriteFlashLength(unsigned int address, unsigned char* data, unsigned int length);
+
+    // Host log.
+    bool InitLogFile();
+    void WriteLog(std::string text, unsigned int size);
+    void WriteLogBuf(std::string title, unsigned char* buf, unsigned int len);
+
+private:
+    unsigned char m_cmdBuf[kCmdBufferSize];
+
+public:
+    std::string m_strMsg;  // outcome of the last operation
+
+private:
+    CCommU m_comm;
+    unsigned char* m_pHeader = nullptr;
+    std::string m_strComNum;
+    unsigned int m_iBaud = 0;
+    int m_iIndex = 0;
+    int m_iICType = 0;
+    int m_iUpdateChangeOnly = 0;
+    std::atomic<int> m_iUpdateStatus{0};
+    int m_iUseBrom = 0;
+    int m_iResponderCode = 0;
+    unsigned char m_flashId[kFlashIdSize] = {};
+    FILE* m_logFile = nullptr;
+};
+
+extern CFlashHost g_flashHost;

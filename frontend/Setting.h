@@ -1,0 +1,34 @@
+// The settings record of one run and its loader.
+#pragma once
+#include <cstdint>
+
+// Every text field holds a NUL-terminated path or name of at most 259 characters.
+enum { kSettingTextSize = 260 };
+
+struct Setting {
+    uint8_t bReadAndCheck;      // read back and compare each written block
+    uint8_t bUpdateChangeOnly;  // skip blocks whose flash already holds the data
+    uint8_t bEtfFw;             // also program the ETF image
+    uint8_t bLogLevel;          // host log level, 0 = no log
+    uint8_t bFlashCompat;       // upload and start the boot-loader while connecting
+    uint8_t bCombineImage;      // write a combined image instead of upgrading
+    uint32_t iBaud;
+    char strComDev[kSettingTextSize];
+    char strLogFile[kSettingTextSize];
+    char strImagePath[kSettingTextSize];
+    char strEtfImagePath[kSettingTextSize];
+    char strCombineImagePath[kSettingTextSize];
+    uint32_t iDebugOp;          // 0 none, 1 read, 2 write, 3 erase
+    uint32_t iAddress;
+    uint32_t iLength;
+    char strWriteBinFile[kSettingTextSize];
+};
+
+extern Setting g_Setting;
+
+// Loads g_Setting from the file (every missing key takes its default).
+// bCombineImage and strCombineImagePath are left alone.
+void GetDefaultSettings(char* path);
+
+// Copies text into a settings text field, truncating to 259 characters.
+void CopySettingText(char (&field)[kSettingTextSize], const char* text);

@@ -1,0 +1,6 @@
+#include "frontend/driver.h"
+
+int main(int argc, char* argv[])
+{
+    return DriverMain(argc, argv);
+}

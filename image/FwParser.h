@@ -1,0 +1,35 @@
+// The image parser: walks and checks a section chain, keeps a copy of each header,
+// and writes the firmware information report.
+#pragma once
+#include <memory>
+#include <string>
+
+#include "image/image_format.h"
+
+enum { kSectionRecordSize = 4096 };
+
+class FwParser {
+public:
+    FwParser();
+    ~FwParser();
+    FwParser(const FwParser&) = delete;
+    FwParser& operator=(const FwParser&) = delete;
+
+    void SetFilePath(std::string path);
+    std::string GetFilePath() const;
+    int Parse();
+    void FreeParser();
+    std::string GetFwInfo() const;
+    unsigned short CheckSum16(unsigned char* buf, int len);
+
+    int bValid;
+    int iSectionCount;
+    std::string strFilePath;
+    std::string strErrMsg;
+    unsigned char HeaderBuf[kSectionHeaderSize];
+    // Record i holds the 64 header bytes of the i-th section of the chain.
+    std::unique_ptr<unsigned char[]> pSection[kMaxSections];
+};
+
+extern FwParser g_fwParser;
+extern FwParser g_etfFwParser;

@@ -1,0 +1,35 @@
+// The serial port: opens and configures the device as a raw 8N1 line, writes bytes,
+// and reads replies of a known length by polling. It knows nothing of frames.
+#pragma once
+#include <string>
+
+// Size of the reply buffer that the flash host reads replies into: a 12-byte
+// header plus 8,190 payload bytes.
+enum { kReplyBufferSize = 8202 };
+
+// Rate table, searched in parallel by index.
+extern const unsigned int name_arr[];
+extern const int speed_arr[];
+extern const int kRateTableSize;
+
+class CCommU {
+public:
+    CCommU();
+    ~CCommU();
+    CCommU(const CCommU&) = delete;
+    CCommU& operator=(const CCommU&) = delete;
+
+    int Uart_Init(char* path, unsigned int baud);
+    int ChangeUartBaud(unsigned int baud);
+    void set_termios(int fd, int speed);
+    int WriteMsg(unsigned char* buf, unsigned int len);
+    unsigned int ReadMsg(unsigned char* buf, unsigned int len);
+    unsigned int ReadMsgNoLen(unsigned char* buf, unsigned int len);
+    void UART_Close();
+
+    int iFd;                   // 0 = no device open; negative after a failed open
+    std::string strPortName;
+    int iSpeed;                // terminal speed constant in use
+    unsigned int iBaudRate;    // numeric rate in use
+    unsigned char RecvBuf[kReplyBufferSize];  // filled by the flash host, never by the port
+};

@@ -1,0 +1,65 @@
+// Child processes for black-box and end-to-end tests: the tool itself and the
+// simulated target.
+#pragma once
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+struct ProcessResult {
+    int exitStatus = -1;   // the exit code, or -1 when the process did not exit normally
+    std::string out;       // standard output
+    std::string err;       // standard error
+};
+
+struct ProcessOptions {
+    std::string cwd;            // empty: the test's own working directory
+    std::string stdinText;      // written to the child's standard input, then closed
+    bool keepStdinOpen = false; // leave standard input open until the child ends
+    int timeoutSeconds = 120;   // the child is killed after this long
+};
+
+// Runs a program to its end and collects its output.
+ProcessResult RunProcess(const std::string& program, const std::vector<std::string>& args,
+                         const ProcessOptions& options = {});
+
+// Paths of the built programs (set by the build).
+std::string ToolPath();      // kestrelQT_u
+std::string SimPath();       // kestrel_sim
+std::string MkImagePath();   // kestrel_mkimage
+
+// A fresh, empty temporary directory removed (with its contents) on destruction.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& Path() const { return m_path; }
+    std::string File(const std::string& name) const { return m_path + "/" + name; }
+
+private:
+    std::string m_path;
+};
+
+// The simulated target running as a child process. The constructor starts it and
+// waits for the device path it prints on its first line; the destructor stops it.
+class SimProcess {
+public:
+    explicit SimProcess(const std::vector<std::string>& args);
+    ~SimProcess();
+    SimProcess(const SimProcess&) = delete;
+    SimProcess& operator=(const SimProcess&) = delete;
+
+    bool Started() const { return !m_device.empty(); }
+    const std::string& DevicePath() const { return m_device; }
+    // Stops the simulator (SIGTERM) and returns everything it printed after the path.
+    std::string Stop();
+
+private:
+    pid_t m_pid = -1;
+    int m_outFd = -1;
+    std::string m_device;
+    std::string m_rest;
+};
+
+std::vector<unsigned char> ReadFileBytes(const std::string& path);

@@ -1,0 +1,2 @@
+// TEMPORARY stub.
+int main() { return 1; }
