@@ -3,12 +3,9 @@
 #include "frontend/driver.h"
 #include "frontend/get_settings.h"
 #include "frontend/Setting.h"
-#include "frontend/upgrade_start.h"
 Setting g_Setting;
 void GetDefaultSettings(char*) {}
 void CopySettingText(char (&)[kSettingTextSize], const char*) {}
 int DriverMain(int, char*[]) { return 0; }
 void HelpMsg() {}
 int CombineImage() { return -1; }
-int RunUpgradeRoad() { return -1; }
-void* InputThread(void*) { return nullptr; }

@@ -3,6 +3,5 @@
 #include "upgrade/UpGrade.h"
 int32_t g_iUpdateStatus = -1;
 void* UpGradeThread(void*) { return nullptr; }
-int FlashOperate(unsigned int, unsigned int, unsigned int, char*) { return -1; }
 unsigned char OtaBuf[kOtaHeaderSize];
 unsigned int GenerateOtaBuf(unsigned int) { return 0; }
