@@ -32,3 +32,15 @@ void GetDefaultSettings(char* path);
 
 // Copies text into a settings text field, truncating to 259 characters.
 void CopySettingText(char (&field)[kSettingTextSize], const char* text);
+
+// Flash debug operations, selected by the first letter of a word.
+enum DebugOperation : uint32_t {
+    kDebugNone = 0,
+    kDebugRead = 1,
+    kDebugWrite = 2,
+    kDebugErase = 3,
+};
+
+// "r..." read, "w..." write, "e..." erase (case-sensitive); anything else, the
+// empty word included, is no operation.
+uint32_t DebugOpFromText(const char* text);

@@ -1,8 +1,13 @@
 // The upgrade road: hands the settings over, starts the worker and the console reader.
 #pragma once
+#include <pthread.h>
 
 // Runs a whole upgrade and returns the exit status.
 int RunUpgradeRoad();
 
 // Console thread: reads lines until "stop\n" and then requests the stop.
 void* InputThread(void* arg);
+
+// Handles of the upgrade worker and the console thread of the current run.
+extern pthread_t g_hUpgradeThread;
+extern pthread_t g_hInputThread;

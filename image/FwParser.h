@@ -1,6 +1,7 @@
 // The image parser: walks and checks a section chain, keeps a copy of each header,
 // and writes the firmware information report.
 #pragma once
+#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -29,6 +30,11 @@ public:
     unsigned char HeaderBuf[kSectionHeaderSize];
     // Record i holds the 64 header bytes of the i-th section of the chain.
     std::unique_ptr<unsigned char[]> pSection[kMaxSections];
+
+private:
+    int Fail(const char* text);
+    const char* CheckSection(std::FILE* fp, uint32_t offset, unsigned char* piece);
+    const unsigned char* Record(int index) const;
 };
 
 extern FwParser g_fwParser;

@@ -1,0 +1,96 @@
+// The settings record and its loader.
+#include "frontend/Setting.h"
+
+#include <cstring>
+#include <string>
+
+#include "frontend/get_settings.h"
+
+Setting g_Setting;
+
+namespace {
+
+// The reader takes mutable strings; these wrappers hand it private copies of
+// the section, key and default texts.
+void LoadText(char* path, std::string section, std::string key, char (&field)[kSettingTextSize],
+              std::string defaultText)
+{
+    GetProfileString(path, section.data(), key.data(), field, defaultText.data());
+}
+
+int LoadInt(char* path, std::string section, std::string key, int defaultValue)
+{
+    return GetProfileInt(path, section.data(), key.data(), defaultValue);
+}
+
+uint8_t LoadFlag(char* path, std::string key, int defaultValue)
+{
+    return static_cast<uint8_t>(LoadInt(path, "setting", key, defaultValue));  // low 8 bits
+}
+
+uint32_t LoadHex(char* path, std::string section, std::string key, float defaultValue)
+{
+    return GetProfileHex(path, section.data(), key.data(), defaultValue);
+}
+
+uint32_t LoadDebugOp(char* path)
+{
+    char word[100] = {};
+    std::string section = "debug", key = "iDebugOp", defaultWord = "r";
+    GetProfileString(path, section.data(), key.data(), word, defaultWord.data());
+    return DebugOpFromText(word);
+}
+
+}  // namespace
+
+uint32_t DebugOpFromText(const char* text)
+{
+    switch (text[0]) {
+    case 'r':
+        return kDebugRead;
+    case 'w':
+        return kDebugWrite;
+    case 'e':
+        return kDebugErase;
+    default:
+        return kDebugNone;
+    }
+}
+
+void GetDefaultSettings(char* path)
+{
+    // The text fields are cleared first: the reader leaves a found but empty
+    // value's buffer as it was, and copies defaults without a terminator.
+    std::memset(g_Setting.strWriteBinFile, 0, kSettingTextSize);
+    std::memset(g_Setting.strComDev, 0, kSettingTextSize);
+    std::memset(g_Setting.strLogFile, 0, kSettingTextSize);
+    std::memset(g_Setting.strImagePath, 0, kSettingTextSize);
+    std::memset(g_Setting.strEtfImagePath, 0, kSettingTextSize);
+
+    LoadText(path, "comm", "strComDev", g_Setting.strComDev, "/dev/ttyUSB0");
+    LoadText(path, "log", "strLogFile", g_Setting.strLogFile, "./log/log.txt");
+    LoadText(path, "firmware", "strImagePath", g_Setting.strImagePath, "tq-system.img");
+    LoadText(path, "firmware", "strEtfImagePath", g_Setting.strEtfImagePath, "tq-system_etf.img");
+    LoadText(path, "debug", "strWriteBinFile", g_Setting.strWriteBinFile, "a.bin");
+
+    g_Setting.bReadAndCheck = LoadFlag(path, "bReadAndCheck", 0);
+    g_Setting.bUpdateChangeOnly = LoadFlag(path, "bUpdateChangeOnly", 1);
+    g_Setting.bEtfFw = LoadFlag(path, "bEtfFw", 0);
+    g_Setting.bFlashCompat = LoadFlag(path, "bFlashCompat", 1);
+    g_Setting.bLogLevel = LoadFlag(path, "bLogLevel", 0);
+
+    g_Setting.iBaud = static_cast<uint32_t>(LoadInt(path, "comm", "iBaud", 921600));
+    g_Setting.iAddress = LoadHex(path, "debug", "iAddress", 0.0f);
+    g_Setting.iLength = LoadHex(path, "debug", "iLength", 512.0f);
+    g_Setting.iDebugOp = LoadDebugOp(path);
+}
+
+// Longer text is cut at 259 characters so that the field stays terminated.
+void CopySettingText(char (&field)[kSettingTextSize], const char* text)
+{
+    std::memset(field, 0, kSettingTextSize);
+    size_t len = std::strlen(text);
+    if (len > kSettingTextSize - 1)
+        len = kSettingTextSize - 1;
+    std::memcpy(field, text, len);
+}

@@ -1,0 +1,150 @@
+// The built program, run as a user would, in a fresh folder.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "image/FwParser.h"
+#include "tests/frontend/test_files.h"
+#include "tests/support/process.h"
+#include "tools/image_builder.h"
+
+namespace {
+
+const char kUsage[] =
+    "\nVersion: v1.2.00908m(by macbook)\n"
+    "kestrelQT_u -A [debug flash address]  (default: 0x00000000)\n"
+    "kestrelQT_u -b [baud rate]  (default: 921600)\n"
+    "kestrelQT_u -B [flash debug bin file for write]  (default: a.bin)\n"
+    "kestrelQT_u -c [com dev] (default: /dev/ttyUSB0)\n"
+    "kestrelQT_u -C [config file] (default: ./settings.ini)\n"
+    "kestrelQT_u -d [debug log level]  (default: 0)\n"
+    "kestrelQT_u -D [debug flash mode]  (default: n=NULL)\n"
+    "kestrelQT_u -e [enable etf image]  (default: 0)\n"
+    "kestrelQT_u -f [enable flash compat]  (default: 1)\n"
+    "kestrelQT_u -g [enable combine images]\n"
+    "kestrelQT_u -G [combine image path]  (default: combine_image.cimg)\n"
+    "kestrelQT_u -h [help msg]\n"
+    "kestrelQT_u -i [wlan image path]  (default: tq-system.img)\n"
+    "kestrelQT_u -I [ETF image path]  (default: tq-system_etf.img)\n"
+    "kestrelQT_u -l [log file path]   (default: ./log/log.txt)\n"
+    "kestrelQT_u -L [debug flash length]   (default: 0x00000200)\n"
+    "kestrelQT_u -r [read and check after write]  (default: 0)\n"
+    "kestrelQT_u -s [show image info]\n"
+    "kestrelQT_u -u [update changed blocks only]  (default: 1)\n"
+    "kestrelQT_u -v [show version]\n\n"
+    "When it's upgrading, input 'stop' to stop it if you need.\n";
+
+const char kAsterisks[] = "*************************************************\n";
+
+class DriverCli : public testing::Test {
+protected:
+    ProcessResult Run(const std::vector<std::string>& args)
+    {
+        ProcessOptions options;
+        options.cwd = dir.Path();
+        options.timeoutSeconds = 30;
+        return RunProcess(ToolPath(), args, options);
+    }
+    void WriteBytes(const std::string& name, size_t count, uint8_t seed)
+    {
+        std::vector<uint8_t> bytes(count);
+        for (size_t i = 0; i < count; ++i)
+            bytes[i] = static_cast<uint8_t>(seed + i * 7);
+        ASSERT_TRUE(WriteFileBytes(dir.File(name), bytes));
+    }
+    TempDir dir;
+};
+
+TEST_F(DriverCli, UsageTextEndsTheRunWithStatusZero)
+{
+    for (const char* option : {"-v", "-h", "-?"}) {
+        ProcessResult r = Run({option, "-D", "e"});
+        EXPECT_EQ(0, r.exitStatus) << option;
+        EXPECT_EQ(kUsage, r.out) << option;
+        EXPECT_EQ("", r.err) << option;
+    }
+    // getopt's own diagnostics go to the error stream, the usage text follows.
+    for (std::vector<std::string> bad : {std::vector<std::string>{"-Z"}, {"-D", "e", "-g"}}) {
+        ProcessResult r = Run(bad);
+        EXPECT_EQ(0, r.exitStatus);
+        EXPECT_EQ(kUsage, r.out);
+        EXPECT_NE("", r.err);
+    }
+}
+
+TEST_F(DriverCli, NoArgumentsShowsUsageThenTakesTheSettingsRoad)
+{
+    WriteTextFile(dir.File("settings_mac.ini"), "[comm]\nstrComDev=/nonexistent/tty\n");
+    ProcessResult r = Run({});
+    std::string head = std::string(kUsage) +
+                       "--------------SETTING--------------\nCOM:/nonexistent/tty\nBaud:921600\n"
+                       "Log path:./log/log.txt\nLog level:0\n\nFlash debug mode:\n";
+    EXPECT_EQ(head, r.out.substr(0, head.size()));
+    EXPECT_EQ(std::string::npos, r.out.find("Image path:"));
+    EXPECT_EQ(255, r.exitStatus);
+}
+
+TEST_F(DriverCli, SettingsReportAndEmptyCombinePath)
+{
+    WriteBytes("tq-system.img", 10, 1);
+    WriteBytes("tq-system_etf.img", 10, 2);
+    ProcessResult r = Run({"-D", "n", "-g", "1"});
+    EXPECT_EQ("Error operation:n\n--------------SETTING--------------\nCOM:/dev/ttyUSB0\n"
+              "Baud:921600\nLog path:./log/log.txt\nLog level:0\nImage path:tq-system.img\n"
+              "ETF image path:tq-system_etf.img\nRead and check:NO\nUpdate change only:YES\n"
+              "Program ETF image:NO\nUse flash compat:YES\n\nEnable combine image!\n"
+              "Combine image path:\nFailed to create combine image file: \n",
+              r.out);
+    EXPECT_EQ(255, r.exitStatus);
+}
+
+TEST_F(DriverCli, OverlongTextIsCutSafely)
+{
+    std::string cut(259, 'a');
+    ProcessResult r = Run({"-D", "n", "-g", "1", "-i", std::string(5000, 'a')});
+    EXPECT_NE(std::string::npos, r.out.find("\nImage path:" + cut + "\n"));
+    EXPECT_NE(std::string::npos, r.out.find("Failed to open image file: " + cut + "\n"));
+    EXPECT_EQ(255, r.exitStatus);
+}
+
+TEST_F(DriverCli, CombineWritesBothImagesBackToBack)
+{
+    WriteBytes("main.img", 5000, 3);
+    WriteBytes("etf.img", 3, 9);
+    ProcessResult r = Run({"-D", "n", "-g", "1", "-i", "main.img", "-I", "etf.img", "-G", "out.cimg"});
+    EXPECT_EQ(0, r.exitStatus);
+    EXPECT_NE(std::string::npos,
+              r.out.find("Combine image path:out.cimg\nCreate combine image file: out.cimg SUCCESS!\n"));
+    std::vector<unsigned char> main = ReadFileBytes(dir.File("main.img"));
+    std::vector<unsigned char> combined = ReadFileBytes(dir.File("out.cimg"));
+    main.push_back(9);
+    main.push_back(16);
+    main.push_back(23);
+    EXPECT_EQ(main, combined);
+
+    r = Run({"-D", "n", "-g", "1", "-i", "main.img", "-I", "none.img", "-G", "out.cimg"});
+    EXPECT_NE(std::string::npos, r.out.find("Failed to open ETF image file: none.img\n"));
+    EXPECT_EQ(255, r.exitStatus);
+}
+
+TEST_F(DriverCli, InformationReport)
+{
+    ImageSpec spec;
+    spec.sections.resize(2);
+    spec.sections[1].data.assign(5, 0x11);
+    ASSERT_TRUE(WriteFileBytes(dir.File("main.img"), BuildImage(spec)));
+    FwParser parser;
+    parser.SetFilePath(dir.File("main.img"));
+    ASSERT_EQ(0, parser.Parse());
+
+    // Options after -s are not applied; a missing image shows only in the report.
+    ProcessResult r = Run({"-i", "main.img", "-s", "-I", "main.img"});
+    EXPECT_EQ(std::string(kAsterisks) + "                firmware information             \n" +
+                  kAsterisks + parser.GetFwInfo() + kAsterisks +
+                  "             ETF firmware information            \n" + kAsterisks +
+                  "Invalid Fiwmare: Open image file failed !!",
+              r.out);
+    EXPECT_EQ(0, r.exitStatus);
+}
+
+}  // namespace
