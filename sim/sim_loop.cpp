@@ -1,0 +1,165 @@
+#include "sim/sim_loop.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <poll.h>
+#include <unistd.h>
+
+namespace ksim {
+
+namespace {
+// One byte on the line: start bit, 8 data bits, stop bit.
+constexpr int64_t kBitsPerByte = 10;
+}  // namespace
+
+int64_t MonotonicUs()
+{
+    using namespace std::chrono;
+    return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+SimLoop::SimLoop(PtyDevice& pty, SimTarget& target, TraceLog& trace, bool pace, uint32_t sessions)
+    : m_pty(pty), m_target(target), m_trace(trace), m_pace(pace), m_sessions(sessions)
+{
+}
+
+int SimLoop::Run(int stopFd)
+{
+    bool blocked = false;
+    for (;;) {
+        int64_t now = MonotonicUs();
+        pollfd fds[3] = {
+            {m_pty.MasterFd(), static_cast<short>(POLLIN | (blocked ? POLLOUT : 0)), 0},
+            {stopFd, POLLIN, 0},
+            {m_pty.CloseWatchFd(), POLLIN, 0},
+        };
+        int ready = poll(fds, 3, PollTimeoutMs(now, blocked));
+        if (ready < 0 && errno != EINTR)
+            return 1;
+        if (fds[1].revents & POLLIN)
+            return 0;
+        now = MonotonicUs();
+        if ((fds[2].revents & POLLIN) && CountCloses())
+            return 0;
+        if (fds[0].revents & POLLIN)
+            ReadHost(now);
+        ReleaseReceived(now);
+        // Bytes still travelling on a paced line keep it from being quiet.
+        if (m_rx.empty())
+            m_target.CheckQuiet(now);
+        if (m_target.Vanished())
+            return 0;
+        blocked = WriteDue(now);
+    }
+}
+
+void SimLoop::ReadHost(int64_t nowUs)
+{
+    uint8_t buffer[4096];
+    ssize_t n = read(m_pty.MasterFd(), buffer, sizeof buffer);
+    if (n <= 0)
+        return;
+    uint32_t hostSpeed = m_pty.HostSpeed();
+    uint32_t targetSpeed = m_target.LineSpeed();
+    if (hostSpeed != targetSpeed) {
+        // A UART at another speed sees only framing errors: the bytes are lost.
+        m_trace.Ignored(hostSpeed, targetSpeed, static_cast<size_t>(n));
+        return;
+    }
+    size_t count = static_cast<size_t>(n);
+    int64_t ready = nowUs;
+    if (m_pace) {
+        ready = std::max(nowUs, m_rxClockUs) + LineTimeUs(count, targetSpeed);
+        m_rxClockUs = ready;
+    }
+    m_rx.push_back(PendingRx{std::vector<uint8_t>(buffer, buffer + count), ready});
+}
+
+void SimLoop::ReleaseReceived(int64_t nowUs)
+{
+    while (!m_rx.empty() && m_rx.front().readyUs <= nowUs && !m_target.Vanished()) {
+        std::vector<Reply> replies;
+        const std::vector<uint8_t>& bytes = m_rx.front().bytes;
+        m_target.Receive(bytes.data(), bytes.size(), nowUs, replies);
+        m_rx.pop_front();
+        QueueReplies(replies, nowUs);
+    }
+}
+
+void SimLoop::QueueReplies(std::vector<Reply>& replies, int64_t nowUs)
+{
+    for (Reply& reply : replies) {
+        uint32_t speed = m_target.LineSpeed();
+        int64_t ready = nowUs;
+        if (m_pace) {
+            int64_t start = std::max(nowUs + reply.busyUs, m_txClockUs);
+            ready = start + LineTimeUs(reply.bytes.size(), speed);
+            m_txClockUs = ready;
+        }
+        m_tx.push_back(PendingTx{std::move(reply), speed, ready});
+    }
+}
+
+bool SimLoop::WriteDue(int64_t nowUs)
+{
+    while (!m_tx.empty() && m_tx.front().readyUs <= nowUs) {
+        PendingTx& front = m_tx.front();
+        const std::vector<uint8_t>& bytes = front.reply.bytes;
+        if (front.written < bytes.size()) {
+            ssize_t n = write(m_pty.MasterFd(), bytes.data() + front.written, bytes.size() - front.written);
+            if (n < 0 && (errno == EAGAIN || errno == EINTR))
+                return true;
+            if (n < 0)
+                front.written = bytes.size();   // the line is gone; the bytes with it
+            else
+                front.written += static_cast<size_t>(n);
+            if (front.written < bytes.size())
+                return true;
+        }
+        m_trace.Bytes("tx", front.speed, bytes.data(), bytes.size());
+        m_target.ReplySent(front.reply);
+        m_tx.pop_front();
+    }
+    return false;
+}
+
+bool SimLoop::CountCloses()
+{
+    int closes = m_pty.TakeHostCloses();
+    if (closes == 0)
+        return false;
+    m_closes += static_cast<uint32_t>(closes);
+    m_trace.Event("host closed the device (" + std::to_string(m_closes) + ")");
+    return m_sessions != 0 && m_closes >= m_sessions;
+}
+
+int SimLoop::PollTimeoutMs(int64_t nowUs, bool blocked) const
+{
+    int64_t next = -1;
+    auto consider = [&next](int64_t at) {
+        if (at >= 0 && (next < 0 || at < next))
+            next = at;
+    };
+    if (!m_rx.empty())
+        consider(m_rx.front().readyUs);
+    if (!m_tx.empty() && !blocked)
+        consider(m_tx.front().readyUs);
+    if (m_rx.empty())
+        consider(m_target.QuietDeadlineUs());
+    if (next < 0)
+        return -1;
+    int64_t waitUs = next - nowUs;
+    if (waitUs <= 0)
+        return 0;
+    return static_cast<int>(std::min<int64_t>((waitUs + 999) / 1000, 60000));
+}
+
+int64_t SimLoop::LineTimeUs(size_t bytes, uint32_t speed) const
+{
+    if (speed == 0)
+        return 0;
+    return static_cast<int64_t>(bytes) * kBitsPerByte * 1000000 / speed;
+}
+
+}  // namespace ksim

@@ -1,0 +1,60 @@
+// Moves bytes between the pty and the simulated target: checks the host's line speed
+// against the target's, models the time bytes take on the line when pacing, and
+// applies speed and mode changes once a reply has left.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <vector>
+
+#include "sim/pty_device.h"
+#include "sim/sim_target.h"
+#include "sim/trace_log.h"
+
+namespace ksim {
+
+class SimLoop {
+public:
+    SimLoop(PtyDevice& pty, SimTarget& target, TraceLog& trace, bool pace, uint32_t sessions);
+
+    // Runs until `stopFd` becomes readable, the host has closed the device `sessions`
+    // times (when not 0), or the target vanished. Returns the exit status.
+    int Run(int stopFd);
+
+private:
+    struct PendingRx {
+        std::vector<uint8_t> bytes;
+        int64_t readyUs;          // when the last of them has arrived on the line
+    };
+    struct PendingTx {
+        Reply reply;
+        uint32_t speed;           // line speed the reply goes out at
+        int64_t readyUs;          // not handed to the pty before this
+        size_t written = 0;
+    };
+
+    void ReadHost(int64_t nowUs);
+    void ReleaseReceived(int64_t nowUs);
+    void QueueReplies(std::vector<Reply>& replies, int64_t nowUs);
+    // Writes what is due; true while the pty cannot take more.
+    bool WriteDue(int64_t nowUs);
+    bool CountCloses();
+    int PollTimeoutMs(int64_t nowUs, bool blocked) const;
+    int64_t LineTimeUs(size_t bytes, uint32_t speed) const;
+
+    PtyDevice& m_pty;
+    SimTarget& m_target;
+    TraceLog& m_trace;
+    bool m_pace;
+    uint32_t m_sessions;
+    uint32_t m_closes = 0;
+    std::deque<PendingRx> m_rx;
+    std::deque<PendingTx> m_tx;
+    int64_t m_rxClockUs = 0;      // when the line from the host is free again
+    int64_t m_txClockUs = 0;      // when the line to the host is free again
+};
+
+// Microseconds on a monotonic clock.
+int64_t MonotonicUs();
+
+}  // namespace ksim
