@@ -92,6 +92,43 @@ public:
     void WriteLogBuf(std::string title, unsigned char* buf, unsigned int len);
 
 private:
+    // A numeric command parameter of 1, 2 or 4 bytes: summed in little-endian
+    // form, sent big-endian.
+    struct FrameField {
+        unsigned int value;
+        unsigned int size;
+    };
+
+    // Frames and the send-and-acknowledge sequence (frame.cpp).
+    unsigned int BuildCommand(unsigned char opcode, const FrameField* fields, int fieldCount,
+                              const unsigned char* raw = nullptr, unsigned int rawLen = 0);
+    int Exchange(const char* name, unsigned int frameSize, const char* timeoutText,
+                 unsigned int pauseUs = 0);
+    int DataPhase(const char* name, unsigned char* data, unsigned int count,
+                  const char* timeoutText, unsigned int pauseUs);
+    int AwaitReply(const char* name, int written, unsigned int expected,
+                   const char* timeoutText, unsigned int pauseUs);
+    int ReadErrorReply();
+    int ReadAckPayload();
+    unsigned int ReplyPayloadLength() const;
+    int CopyPayload(unsigned char* out, unsigned int count);
+
+    // Single-value memory access (memory_commands.cpp).
+    int ReadValue(const char* name, unsigned char opcode, unsigned int address,
+                  unsigned char* out, unsigned int size, const char* timeoutText);
+    int WriteValue(const char* name, unsigned char opcode, unsigned int address,
+                   const unsigned char* value, unsigned int size, const char* timeoutText);
+
+    // Bring-up steps (connection.cpp).
+    int CloseWith(const char* text);
+    int StartBootLoader();
+
+    // Length operations (flash_commands.cpp).
+    typedef int (CFlashHost::*SectorCommand)(unsigned int, unsigned char*, unsigned int);
+    int TransferLength(SectorCommand command, unsigned int address, unsigned char* data,
+                       unsigned int length);
+    unsigned int SectorsPerCommand() const;
+
     unsigned char m_cmdBuf[kCmdBufferSize];
 
 public:
@@ -109,7 +146,6 @@ private:
     int m_iUseBrom = 0;
     int m_iResponderCode = 0;
     unsigned char m_flashId[kFlashIdSize] = {};
-    FILE* m_logFile = nullptr;
 };
 
 extern CFlashHost g_flashHost;

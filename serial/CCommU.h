@@ -27,9 +27,20 @@ public:
     unsigned int ReadMsgNoLen(unsigned char* buf, unsigned int len);
     void UART_Close();
 
+    // Reads and throws away whatever arrives until the line has been quiet for one
+    // poll interval (bounded like ReadMsg), so that the rest of a reply that was
+    // refused cannot be taken for the start of the next one.
+    void DrainInput();
+
     int iFd;                   // 0 = no device open; negative after a failed open
     std::string strPortName;
     int iSpeed;                // terminal speed constant in use
     unsigned int iBaudRate;    // numeric rate in use
     unsigned char RecvBuf[kReplyBufferSize];  // filled by the flash host, never by the port
+
+private:
+    void SelectRate(unsigned int baud);
+    unsigned int PollIntervalUs() const;
+    enum ReadOutcome { kReadData, kReadNothing, kReadFailed };
+    ReadOutcome ReadSome(unsigned char* dest, unsigned int wanted, unsigned int* got);
 };

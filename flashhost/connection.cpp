@@ -1,0 +1,208 @@
+// The life of a connection: synchronisation, identification, the boot-loader upload,
+// speed changes, closing, and the text that wakes running firmware.
+#include <algorithm>
+#include <cstring>
+#include <unistd.h>
+
+#include "flashhost/CFlashHost.h"
+#include "flashhost/protocol.h"
+
+using namespace protocol;
+
+namespace {
+
+const unsigned int kBootRate = 115200;        // boot ROM and boot-loader start here
+const unsigned int kUploadRateCap = 921600;   // the image goes over at no more than this
+const unsigned int kBootLoaderAddress = 0x00010000;
+const unsigned int kBootLoaderEntry = 0x00010101;  // reset vector, Thumb bit set
+const unsigned int kChangeBaudMode = 0x03000000;   // top byte of the ChangeBaud word
+const unsigned int kSyncAttempts = 5;
+const unsigned char kSyncByte = 0x55;
+const unsigned int kUpgradeTextPauseUs = 50000;
+
+// Firmware running on the target makes way for an upgrade on this text, NUL included.
+const unsigned char kUpgradeText[] = {'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0};
+
+const char kTextOpenError[] = "Open uart error!";
+const char kTextSync1Error[] = "Synchron1 error!";
+const char kTextFlashIdError[] = "Get Flash ID error!";
+const char kTextLoadBromError[] = "Load Brom error!";
+const char kTextChangeUartError[] = "Change uart baud error!";
+const char kTextSyncError[] = "Synchron error!";
+const char kTextSendUpgradeError[] = "Send upgrade cmd error!";
+const char kTextChangeBaudTimeout[] = "Cmd change baud waits for ack timeout or comm error!";
+// When only the handshake at the new speed fails, the acknowledged ChangeBaud has
+// left "Operation OK !" behind; this names what actually went wrong.
+const char kTextSyncAfterBaudError[] = "Synchron error after baud change!";
+
+}  // namespace
+
+int CFlashHost::Synchron()
+{
+    unsigned char sync = kSyncByte;
+    for (unsigned int attempt = 0; attempt < kSyncAttempts; ++attempt) {
+        WriteLogBuf("Synchron cmd:", &sync, 1);
+        if (m_comm.WriteMsg(&sync, 1) != 1)
+            continue;  // nothing went out, so nothing can come back
+        bool answered = m_comm.ReadMsg(m_comm.RecvBuf, 2) == 0;
+        WriteLogBuf("Synchron rps:", m_comm.RecvBuf, 2);
+        if (answered && m_comm.RecvBuf[0] == 'O' && m_comm.RecvBuf[1] == 'K')
+            return 0;
+    }
+    return -1;
+}
+
+int CFlashHost::GetFlashId()
+{
+    unsigned int frameSize = BuildCommand(kGetFlashId, nullptr, 0);
+    if (Exchange("GetFlashId", frameSize, kTextRead1Timeout) != 0)
+        return -1;
+    // The identifier field holds 20 bytes; a longer payload is cut there.
+    unsigned int idLength = std::min(ReplyPayloadLength(), static_cast<unsigned int>(kFlashIdSize));
+    memcpy(m_flashId, m_comm.RecvBuf + kFrameHeaderSize, idLength);
+    m_iResponderCode = m_comm.RecvBuf[kResponderOffset];
+    return 0;
+}
+
+int CFlashHost::ChangeBaud(unsigned int word)
+{
+    const FrameField fields[] = {{word, 4}};
+    unsigned int frameSize = BuildCommand(kChangeBaud, fields, 1);
+    return Exchange("ChangeBaud", frameSize, kTextChangeBaudTimeout);
+}
+
+// Target first (acknowledged at the old speed), then the port, then a fresh
+// handshake at the new speed.
+int CFlashHost::ChangeUartBaud()
+{
+    if (ChangeBaud(kChangeBaudMode | (m_iBaud & 0x00FFFFFFu)) != 0)
+        return -1;
+    if (m_comm.ChangeUartBaud(m_iBaud) != 0) {
+        m_strMsg = kTextChangeUartError;
+        WriteLogBuf(m_strMsg, nullptr, 0);
+        return -1;
+    }
+    if (Synchron() != 0) {
+        m_strMsg = kTextSyncAfterBaudError;
+        return -1;
+    }
+    return 0;
+}
+
+int CFlashHost::LoadBRom()
+{
+    // The image is only read: the port writes it out unchanged.
+    unsigned char* image = const_cast<unsigned char*>(tq_BRom);
+    if (WriteMemoryLen(kBootLoaderAddress, image, tq_BRom_size) != 0)
+        return -1;
+    return SetPC(kBootLoaderEntry);
+}
+
+int CFlashHost::CloseWith(const char* text)
+{
+    m_strMsg = text;
+    Close();
+    return -1;
+}
+
+// Upload path: the image goes over at the configured speed capped at 921600, the
+// boot-loader starts at 115200, and only then is the configured speed set.
+int CFlashHost::StartBootLoader()
+{
+    unsigned int configured = m_iBaud;
+    m_iBaud = std::min(m_iBaud, kUploadRateCap);
+    if (ChangeUartBaud() != 0) {
+        Close();
+        return -1;
+    }
+    if (LoadBRom() != 0)
+        return CloseWith(kTextLoadBromError);
+    WriteLogBuf("Load Brom OK!", nullptr, 0);
+
+    if (m_comm.ChangeUartBaud(kBootRate) != 0) {
+        m_strMsg = kTextChangeUartError;
+        WriteLogBuf(m_strMsg, nullptr, 0);
+        return -1;
+    }
+    if (Synchron() != 0)
+        return CloseWith(kTextSyncError);
+
+    m_iBaud = configured;
+    if (ChangeUartBaud() != 0) {
+        Close();
+        return -1;
+    }
+    return 0;
+}
+
+int CFlashHost::OpenUart()
+{
+    if (!InitLogFile())
+        return -1;
+    WriteLogBuf("Open uart...", nullptr, 0);
+    std::string device = m_strComNum;
+    if (m_comm.Uart_Init(&device[0], kBootRate) != 0) {
+        m_comm.UART_Close();  // forget the failed descriptor
+        m_strMsg = kTextOpenError;
+        WriteLogBuf(m_strMsg, nullptr, 0);
+        return -1;
+    }
+    WriteLogBuf("Open uart OK!", nullptr, 0);
+
+    if (Synchron() != 0)
+        return CloseWith(kTextSync1Error);
+    m_iResponderCode = 0;
+    if (GetFlashId() != 0)
+        return CloseWith(kTextFlashIdError);
+
+    // A responder above 1 serves the flash itself; so does any target when the
+    // boot-loader upload is forbidden.
+    if (m_iUseBrom == 0 || m_iResponderCode > 1) {
+        if (ChangeUartBaud() != 0) {
+            Close();
+            return -1;
+        }
+        return 0;
+    }
+    return StartBootLoader();
+}
+
+void CFlashHost::Close()
+{
+    std::string kept = m_strMsg;
+    m_iBaud = kBootRate;
+    ChangeUartBaud();  // a target that still answers goes back to 115200
+    WriteLogBuf(kept, nullptr, 0);
+    WriteLogBuf("Close uart!", nullptr, 0);
+    m_comm.UART_Close();
+    m_strMsg = kept;
+}
+
+int CFlashHost::SendUpgradeCmd()
+{
+    std::string device = m_strComNum;
+    if (m_comm.Uart_Init(&device[0], kBootRate) != 0) {
+        m_comm.UART_Close();
+        m_strMsg = kTextOpenError;
+        return -1;
+    }
+    unsigned char text[sizeof kUpgradeText];
+    memcpy(text, kUpgradeText, sizeof text);
+    int written = m_comm.WriteMsg(text, sizeof text);
+    if (written != static_cast<int>(sizeof text)) {
+        // The port is closed here too: left open, its lock would make the
+        // OpenUart that follows fail.
+        m_comm.UART_Close();
+        m_strMsg = kTextSendUpgradeError;
+        return -1;
+    }
+    usleep(kUpgradeTextPauseUs);
+    m_comm.UART_Close();
+    return 0;
+}
+
+int CFlashHost::SysReboot()
+{
+    unsigned int frameSize = BuildCommand(kSysReboot, nullptr, 0);
+    return Exchange("SysReboot", frameSize, kTextRead1Timeout);
+}
