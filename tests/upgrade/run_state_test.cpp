@@ -1,0 +1,60 @@
+// The run's small helpers: recognising a combined image, measuring a file, and
+// loading a block so that whatever the file does not supply stays erased.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <vector>
+
+#include "upgrade/run_state.h"
+
+namespace {
+
+TEST(CombinedImagePath, OnlyTheExactSuffix)
+{
+    struct Case {
+        const char* path;
+        bool combined;
+    };
+    const Case cases[] = {
+        {"x.cimg", true},      {"dir/a.b.cimg", true}, {".cimg", true},
+        {"x.CIMG", false},     {"x.cimg.bak", false},  {"cimg", false},
+        {"x.img", false},      {"", false},            {"xcimg", false},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(IsCombinedImagePath(c.path), c.combined) << c.path;
+}
+
+TEST(LoadBlockFromFile, PadsWithTheErasedValue)
+{
+    UpgradeRun run;
+    run.data.reset(new unsigned char[kUpgradeBlockSize]);
+    FILE* file = std::tmpfile();
+    ASSERT_NE(file, nullptr);
+    std::vector<unsigned char> bytes(70000);
+    for (size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<unsigned char>(i % 251);
+    ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), file), bytes.size());
+    std::rewind(file);
+
+    // A full block, then a tail that ends inside a sector, then a read past the end.
+    struct Step {
+        uint32_t count;
+        size_t fileOffset;
+        uint32_t supplied;
+    };
+    const Step steps[] = {{65536, 0, 65536}, {1000, 65536, 1000}, {65536, 66536, 3464}, {300, 70000, 0}};
+    for (const Step& s : steps) {
+        std::fill(run.data.get(), run.data.get() + kUpgradeBlockSize, 0x00);
+        // Measuring the file between reads must not move the reader: a combined image
+        // is measured as the ETF source while the main image is read from it.
+        EXPECT_EQ(FileLength(file), 70000);
+        LoadBlockFromFile(run, file, s.count);
+        for (uint32_t i = 0; i < kUpgradeBlockSize; ++i) {
+            unsigned char expected = i < s.supplied ? bytes[s.fileOffset + i] : 0xFF;
+            ASSERT_EQ(run.data[i], expected) << "count " << s.count << " index " << i;
+        }
+    }
+    std::fclose(file);
+}
+
+}  // namespace

@@ -1,0 +1,75 @@
+// End-to-end upgrade runs: the real tool against the simulated target, in a fresh
+// folder with a flash file whose old content is known, and a model of what the
+// flash must hold afterwards.
+#pragma once
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tests/support/process.h"
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr uint32_t kFlashSize = 4u << 20;  // the simulator's default flash
+constexpr uint32_t kBlock = 65536;
+
+// Deterministic filler that differs from the erased value almost everywhere.
+Bytes PatternBytes(size_t count, uint32_t seed);
+
+// An image of sections with these data sizes (pattern data). With otaAddress not
+// 0xFFFFFFFF the first section carries the OTA parameters (otaSizeBits is the upper
+// 24 bits of the first private word).
+Bytes MakeImage(uint32_t version, const std::vector<size_t>& dataSizes, uint32_t seed,
+                uint32_t otaSizeBits = 0xFFFFFF, uint32_t otaAddress = 0xFFFFFFFF);
+
+// Where the second section's header starts in an image made by MakeImage.
+uint32_t SecondSectionOffset(const std::vector<size_t>& dataSizes);
+
+// The 2,048-byte OTA header written for an area of this size.
+Bytes OtaHeaderFor(uint32_t areaSize);
+
+// One folder with a settings file that selects the upgrade, a flash file with old
+// content, and the files the tool is pointed at.
+class UpgradeBench {
+public:
+    UpgradeBench();
+    std::string Path(const std::string& name) const { return m_dir.File(name); }
+    void WriteFile(const std::string& name, const Bytes& bytes) const;
+
+    // Starts a simulator on the flash file (with a trace file and the extra
+    // arguments), runs the tool with "-c <device>" and `toolArgs` in the folder,
+    // stops the simulator. The trace and the flash are read afterwards. The console
+    // gets `stdinText`; with keepConsoleOpen its end never comes, as at a terminal.
+    ProcessResult Run(const std::vector<std::string>& toolArgs,
+                      const std::vector<std::string>& simArgs = {},
+                      const std::string& stdinText = "", bool keepConsoleOpen = false);
+
+    const Bytes& InitialFlash() const { return m_initialFlash; }
+    Bytes Flash() const;
+    std::string Trace() const;
+
+private:
+    TempDir m_dir;
+    Bytes m_initialFlash;
+};
+
+// Models of what the write cycles leave in flash.
+// A region written from its start in whole erased blocks: every block it touches
+// is erased, then the bytes are programmed.
+void ModelBlockWrite(Bytes& flash, uint32_t address, const Bytes& bytes);
+// The OTA area initialised: the header at its start, 0xFF over the rest.
+void ModelOtaArea(Bytes& flash, uint32_t address, uint32_t size);
+// The ETF data from `etfStart` on: the block holding it keeps its bytes before
+// etfStart and after the data's end; later blocks are erased, then programmed.
+void ModelEtfWrite(Bytes& flash, uint32_t etfStart, const Bytes& etfData);
+
+// Output helpers.
+std::vector<std::string> OutputLines(const std::string& out);
+// The percentages of the progress lines ("%d%: ..."), in order.
+std::vector<int> ProgressPercents(const std::string& out);
+size_t CountOccurrences(const std::string& text, const std::string& what);
+// Frames the target received with this opcode (trace lines "rx <baud> 42 52 4F 4D ...").
+size_t CountFramesReceived(const std::string& trace, uint8_t opcode, const std::string& baud = "");
+
+// Index of the first differing byte, or -1 when equal (keeps failures readable).
+long FirstDifference(const Bytes& a, const Bytes& b);

@@ -1,0 +1,227 @@
+// The upgrade worker: checks and reports the images, connects to the target,
+// programs the main image, the OTA area and the ETF image, and leaves the outcome
+// in g_iUpdateStatus.
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "common/byte_order.h"
+#include "flashhost/CFlashHost.h"
+#include "frontend/Setting.h"
+#include "image/FwParser.h"
+#include "image/image_format.h"
+#include "upgrade/UpGrade.h"
+#include "upgrade/etf_image.h"
+#include "upgrade/main_image.h"
+#include "upgrade/ota_area.h"
+#include "upgrade/run_state.h"
+
+int32_t g_iUpdateStatus = -1;
+
+namespace {
+
+enum { kStatusRunning = 0, kStatusSuccess = 1, kStatusFailed = 2 };
+
+const char kStarLine[] = "*************************************************";
+const char kMainTitle[] = "               firmware information              ";
+const char kEtfTitle[] = "             ETF firmware information            ";
+
+// What the phases after the main image will do, worked out before the connection
+// is opened so that an image that cannot be programmed is refused before any of
+// it is written.
+struct PhasePlan {
+    bool ota = false;
+    OtaLayout otaLayout;
+    bool etf = false;
+    EtfPlan etfPlan;
+};
+
+void PrintLine(const std::string& text)
+{
+    std::puts(text.c_str());
+    std::fflush(stdout);
+}
+
+// Parses one image and prints its report under the title; true when it is valid.
+bool ParseAndReport(FwParser& parser, const char* title)
+{
+    parser.FreeParser();
+    const bool valid = parser.Parse() == 0;
+    std::puts(kStarLine);
+    std::puts(title);
+    std::puts(kStarLine);
+    PrintLine(parser.GetFwInfo());
+    return valid;
+}
+
+const unsigned char* FirstHeader(const FwParser& parser)
+{
+    return parser.pSection[0].get();
+}
+
+// Steps before any connection: parse and open the main image (and the ETF image
+// when it is enabled). -1 ends the run at once.
+int OpenImages(UpgradeRun& run)
+{
+    const bool mainValid = ParseAndReport(g_fwParser, kMainTitle);
+    const std::string mainPath = g_fwParser.GetFilePath();
+    if (!run.mainFile.Open(mainPath, "rb")) {
+        std::printf("Failed to open image file: %s\n", mainPath.c_str());
+        return -1;
+    }
+    if (!mainValid) {
+        PrintLine("Invalid image!");
+        return -1;
+    }
+    run.combined = IsCombinedImagePath(mainPath);
+    PrintLine(run.combined ? "Combined image!!" : "not Combined image!!");
+
+    if (!g_Setting.bEtfFw)
+        return 0;
+    g_iUpdateStatus = kStatusRunning;
+    const bool etfValid = ParseAndReport(g_etfFwParser, kEtfTitle);
+    const std::string etfPath = g_etfFwParser.GetFilePath();
+    if (!run.etfFile.Open(etfPath, "rb")) {
+        std::printf("Failed to open etf image file: %s\n", etfPath.c_str());
+        return -1;
+    }
+    if (!etfValid) {
+        PrintLine("Invalid etf image!");
+        return -1;
+    }
+    return 0;
+}
+
+// The main image length: inside a combined image, where the main image's sections
+// end; otherwise the whole file. The file position is left at its start.
+int MeasureMainImage(UpgradeRun& run)
+{
+    FILE* file = run.mainFile.Get();
+    const int64_t fileLength = FileLength(file);
+    if (fileLength < 0 || !SeekTo(file, 0)) {
+        std::printf("Failed to read image file: %s\n", g_fwParser.GetFilePath().c_str());
+        return -1;
+    }
+    // Flash addresses are 32-bit; a longer file cannot be placed.
+    if (!run.combined && fileLength > 0xFFFFFFFFll) {
+        std::printf("Failed to program image file: %s is larger than 4 GiB\n",
+                    g_fwParser.GetFilePath().c_str());
+        return -1;
+    }
+    run.mainLength = run.combined ? ImageSectionsLength(g_fwParser)
+                                  : static_cast<uint32_t>(fileLength);
+    return 0;
+}
+
+FILE* EtfSourceFile(UpgradeRun& run)
+{
+    return run.combined ? run.mainFile.Get() : run.etfFile.Get();
+}
+
+int PlanPhases(UpgradeRun& run, PhasePlan& plan)
+{
+    const unsigned char* mainHeader = FirstHeader(g_fwParser);
+    const uint32_t version = LoadLe32(mainHeader + kOffVersion);
+    const uint32_t otaSizeWord = LoadLe32(mainHeader + kOffOtaSizeWord);
+    const uint32_t otaAddress = LoadLe32(mainHeader + kOffOtaAddress);
+    std::string why;
+
+    plan.ota = OtaPhaseWanted(version, otaAddress);
+    if (plan.ota) {
+        plan.otaLayout = ComputeOtaLayout(otaAddress, OtaAreaSize(otaSizeWord));
+        if (CheckOtaLayout(plan.otaLayout, why) != 0) {
+            PrintLine(why);
+            return -1;
+        }
+    }
+
+    plan.etf = run.combined || g_Setting.bEtfFw;
+    if (!plan.etf)
+        return 0;
+    EtfSource source;
+    if (run.combined) {
+        source.base = run.mainLength;
+        source.firstNext = LoadLe32(mainHeader + kOffNextSection);
+    } else {
+        source.firstNext = LoadLe32(FirstHeader(g_etfFwParser) + kOffNextSection);
+    }
+    source.end = FileLength(EtfSourceFile(run));
+    if (source.end < 0) {
+        std::printf("Failed to read etf image file: %s\n",
+                    (run.combined ? g_fwParser : g_etfFwParser).GetFilePath().c_str());
+        return -1;
+    }
+    if (PlanEtfImage(otaSizeWord, otaAddress, source, plan.etfPlan, why) != 0) {
+        PrintLine(why);
+        return -1;
+    }
+    return 0;
+}
+
+// The phases on an open connection; -1 when the run must abort.
+int ProgramFlash(UpgradeRun& run, const PhasePlan& plan)
+{
+    if (WriteMainImage(run) != 0)
+        return -1;
+    if (plan.ota && WriteOtaArea(run, plan.otaLayout) != 0)
+        return -1;
+    if (plan.etf && WriteEtfImage(run, EtfSourceFile(run), plan.etfPlan) != 0)
+        return -1;
+    return 0;
+}
+
+void AbortRun()
+{
+    if (g_flashHost.GetUpdateStatus() != 0)
+        PrintLine("User stoped!");
+    g_flashHost.Close();
+    g_iUpdateStatus = kStatusFailed;
+}
+
+// Everything from the connection attempt on; leaves the final status.
+void ConnectAndProgram(UpgradeRun& run, const PhasePlan& plan)
+{
+    std::printf("%d%%: Opening com...\n", 3);
+    std::fflush(stdout);
+    if (g_flashHost.OpenUart() != 0) {
+        PrintLine(g_flashHost.m_strMsg);
+        AbortRun();
+        return;
+    }
+    if (ProgramFlash(run, plan) != 0) {
+        AbortRun();
+        return;
+    }
+    g_flashHost.Close();
+    g_iUpdateStatus = kStatusSuccess;
+    std::printf("%d%%: Upgrade OK!\n", 100);
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+// The result is always null: the outcome is in g_iUpdateStatus.
+void* UpGradeThread(void*)
+{
+    g_iUpdateStatus = kStatusRunning;
+    UpgradeRun run;
+    PhasePlan plan;
+    if (OpenImages(run) != 0 || MeasureMainImage(run) != 0 || PlanPhases(run, plan) != 0) {
+        g_iUpdateStatus = kStatusFailed;
+        return nullptr;
+    }
+    run.compare.reset(new unsigned char[kUpgradeBlockSize]);
+    run.data.reset(new unsigned char[kUpgradeBlockSize]);
+
+    if (g_flashHost.SendUpgradeCmd() != 0) {
+        std::printf("%s", g_flashHost.m_strMsg.c_str());
+        std::fflush(stdout);
+    }
+    std::memset(run.data.get(), 0xFF, kUpgradeBlockSize);
+    std::memset(run.compare.get(), 0xFF, kUpgradeBlockSize);
+
+    ConnectAndProgram(run, plan);
+    // Every run that reached the connection leaves the stop flag set.
+    g_flashHost.SetStopUpdate();
+    return nullptr;
+}

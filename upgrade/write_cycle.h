@@ -1,0 +1,54 @@
+// The write cycle: how every region of an upgrade gets into flash. Optional check
+// against flash, erase, write, optional read-back and compare, each step announced
+// by a progress line, the whole retried up to five times.
+#pragma once
+#include <cstdint>
+#include <functional>
+
+enum {
+    kUpgradeBlockSize = 65536,  // erase block, and the size of both run buffers
+    kWriteAttempts = 5,
+};
+
+enum CycleStep { kStepPrepare, kStepCheck, kStepErase, kStepWrite, kStepRead, kStepVerify, kCycleSteps };
+
+// The console texts of one step. For a numbered cycle (a full block) the progress
+// format takes the percentage, the block number and the total, and the error format
+// the block number and the total; otherwise the progress format takes the
+// percentage alone and the error text is printed as a line.
+struct StepText {
+    const char* progress;
+    const char* error;
+};
+
+struct WriteCycle {
+    uint32_t address = 0;
+    uint32_t length = 0;                   // 1 to 65,536 bytes
+    const StepText* texts = nullptr;       // kCycleSteps entries, indexed by CycleStep
+    int percent[kCycleSteps] = {};
+    int blockNumber = 0;                   // numbered texts when blockTotal is not 0
+    int blockTotal = 0;
+    bool checkAndErase = true;             // false only for writes into flash already erased
+    bool eraseErrorShowsHostMsg = false;   // the main image's full blocks add "msg:" lines
+    std::function<int()> prepare;          // run at the start of every attempt; 0 = ready
+};
+
+// Runs the cycle on the run's data buffer (what is to be written) and compare buffer
+// (what is read back). 0 when flash holds the data; -1 when the run must abort: a
+// stop was requested or all five attempts failed.
+int RunWriteCycle(const WriteCycle& cycle, unsigned char* data, unsigned char* compare);
+
+// Percentage of step `step` (0 check and erase, 1 write, 2 read, 3 verify) of full
+// block `index` (from 0) out of `total`: 10 + (80*index + 20*step) / total, worked
+// out the way the progress numbering always has been, in unsigned 32-bit.
+uint32_t BlockPercent(uint32_t index, uint32_t step, uint32_t total);
+
+// The texts of a full 64 KiB block, shared by the main image and the ETF image.
+extern const StepText kFullBlockTexts[kCycleSteps];
+
+// Fills in a full-block cycle's length, percentages, numbering and texts.
+void DescribeFullBlock(WriteCycle& cycle, uint32_t index, uint32_t total);
+
+// Fills in a tail cycle (less than one block): its length, its texts, and the
+// percentages 90 (check) to 94 (verify).
+void DescribeTail(WriteCycle& cycle, uint32_t length, const StepText* texts);
