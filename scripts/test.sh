@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Builds everything and runs every test.
+#   scripts/test.sh          plain build (build/test), the whole suite
+#   scripts/test.sh asan     AddressSanitizer + UndefinedBehaviorSanitizer build, the whole suite
+#   scripts/test.sh tsan     ThreadSanitizer build, the cases labelled "threaded"
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/deps.sh
+
+mode=${1:-plain}
+case "$mode" in
+    plain) dir=build/test; flags=(); select=() ;;
+    asan)  dir=build/asan; flags=(-DKESTREL_SANITIZE=address,undefined); select=() ;;
+    tsan)  dir=build/tsan; flags=(-DKESTREL_SANITIZE=thread); select=(-L threaded) ;;
+    *) echo "usage: scripts/test.sh [plain|asan|tsan]" >&2; exit 2 ;;
+esac
+
+jobs=$(nproc 2>/dev/null || echo 2)
+cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${flags[@]}" >/dev/null
+cmake --build "$dir" -j"$jobs"
+# Sanitizer reports fail the test that triggered them.
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+ctest --test-dir "$dir" -j"$jobs" --output-on-failure "${select[@]}"
