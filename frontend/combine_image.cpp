@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "frontend/Setting.h"
-#include "image/file_holder.h"
+#include "common/stdio_file.h"
 
 namespace {
 

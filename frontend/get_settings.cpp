@@ -14,7 +14,7 @@
 #include <memory>
 #include <new>
 
-#include "image/file_holder.h"
+#include "common/stdio_file.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "common/byte_order.h"
 #include "common/checksum16.h"
-#include "image/file_holder.h"
+#include "common/stdio_file.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "image/file_holder.h"
+#include "common/stdio_file.h"
 #include "tools/image_builder.h"
 
 namespace {

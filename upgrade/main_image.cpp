@@ -19,7 +19,7 @@ int WriteMainImage(UpgradeRun& run)
 {
     const uint32_t blocks = run.mainLength / kUpgradeBlockSize;
     const uint32_t tail = run.mainLength % kUpgradeBlockSize;
-    FILE* image = run.mainFile.Get();
+    FILE* image = run.mainFile.get();
 
     for (uint32_t i = 0; i < blocks; ++i) {
         LoadBlockFromFile(run, image, kUpgradeBlockSize);

@@ -3,13 +3,14 @@
 #pragma once
 #include <cstdint>
 #include <memory>
+#include <string>
 
-#include "upgrade/file_holder.h"
+#include "common/stdio_file.h"
 #include "upgrade/write_cycle.h"
 
 struct UpgradeRun {
-    FileHolder mainFile;
-    FileHolder etfFile;            // open only when the ETF image is enabled
+    UniqueFile mainFile;
+    UniqueFile etfFile;            // open only when the ETF image is enabled
     bool combined = false;         // the main image file is a combined image
     uint32_t mainLength = 0;       // bytes of the main image, from the start of mainFile
     std::unique_ptr<unsigned char[]> data;     // what the next write cycle puts into flash

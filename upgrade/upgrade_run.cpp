@@ -65,7 +65,8 @@ int OpenImages(UpgradeRun& run)
 {
     const bool mainValid = ParseAndReport(g_fwParser, kMainTitle);
     const std::string mainPath = g_fwParser.GetFilePath();
-    if (!run.mainFile.Open(mainPath, "rb")) {
+    run.mainFile = OpenFile(mainPath.c_str(), "rb");
+    if (!run.mainFile) {
         std::printf("Failed to open image file: %s\n", mainPath.c_str());
         return -1;
     }
@@ -81,7 +82,8 @@ int OpenImages(UpgradeRun& run)
     g_iUpdateStatus = kStatusRunning;
     const bool etfValid = ParseAndReport(g_etfFwParser, kEtfTitle);
     const std::string etfPath = g_etfFwParser.GetFilePath();
-    if (!run.etfFile.Open(etfPath, "rb")) {
+    run.etfFile = OpenFile(etfPath.c_str(), "rb");
+    if (!run.etfFile) {
         std::printf("Failed to open etf image file: %s\n", etfPath.c_str());
         return -1;
     }
@@ -96,7 +98,7 @@ int OpenImages(UpgradeRun& run)
 // end; otherwise the whole file. The file position is left at its start.
 int MeasureMainImage(UpgradeRun& run)
 {
-    FILE* file = run.mainFile.Get();
+    FILE* file = run.mainFile.get();
     const int64_t fileLength = FileLength(file);
     if (fileLength < 0 || !SeekTo(file, 0)) {
         std::printf("Failed to read image file: %s\n", g_fwParser.GetFilePath().c_str());
@@ -115,7 +117,7 @@ int MeasureMainImage(UpgradeRun& run)
 
 FILE* EtfSourceFile(UpgradeRun& run)
 {
-    return run.combined ? run.mainFile.Get() : run.etfFile.Get();
+    return run.combined ? run.mainFile.get() : run.etfFile.get();
 }
 
 int PlanPhases(UpgradeRun& run, PhasePlan& plan)

@@ -1,11 +1,9 @@
-#include "upgrade/file_holder.h"
+#include "common/stdio_file.h"
 
 #include <sys/types.h>
 
 int64_t FileLength(FILE* file)
 {
-    // The same file may be both the main image and the ETF source (a combined
-    // image), so measuring it must not move the reader.
     const off_t position = ftello(file);
     if (position < 0 || fseeko(file, 0, SEEK_END) != 0)
         return -1;
