@@ -10,8 +10,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/stdio_file.h"
 #include "flashhost/CFlashHost.h"
-#include "flashhost/stdio_file.h"
 #include "frontend/Setting.h"
 
 namespace {
@@ -73,7 +73,7 @@ bool CFlashHost::InitLogFile()
         printf("Failed to create folder!\n");
         return false;
     }
-    StdioFile file = OpenStdioFile(g_Setting.strLogFile, "w+");  // starts the log empty
+    UniqueFile file = OpenFile(g_Setting.strLogFile, "w+");  // starts the log empty
     if (!file) {
         printf("Failed to open log file!\n");
         return false;
@@ -87,7 +87,7 @@ void CFlashHost::WriteLog(std::string text, unsigned int size)
     gettimeofday(&now, nullptr);
     std::string stamp = FormatLogTimeStamp(now);
 
-    StdioFile file = OpenStdioFile(g_Setting.strLogFile, "a");
+    UniqueFile file = OpenFile(g_Setting.strLogFile, "a");
     if (!file) {
         printf("Failed to open log file!\n");  // this line is lost; the caller goes on
         return;

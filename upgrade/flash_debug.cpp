@@ -1,12 +1,12 @@
 // The flash debug mode: one flash range read into a file, written from a file, or
 // erased, then the program ends.
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <sys/stat.h>
 
+#include "common/stdio_file.h"
 #include "flashhost/CFlashHost.h"
-#include "flashhost/stdio_file.h"
 #include "upgrade/UpGrade.h"
 
 namespace {
@@ -35,13 +35,11 @@ int CloseAndReturn(int result)
 // be written in its place, so such a file is refused before anything is written.
 bool FileCoversLength(FILE* file, unsigned int length, const char* path)
 {
-    struct stat info;
-    if (fstat(fileno(file), &info) != 0 || !S_ISREG(info.st_mode))
-        return true;  // not a plain file: the reads themselves tell
-    if (static_cast<unsigned long long>(info.st_size) >= length)
-        return true;
+    int64_t size = FileLength(file);
+    if (size < 0 || size >= static_cast<int64_t>(length))
+        return true;  // a stream that cannot seek is left to the reads themselves
     printf("Failed to read file: %s holds %lld bytes, fewer than the length 0x%08X\n", path,
-           static_cast<long long>(info.st_size), length);
+           static_cast<long long>(size), length);
     return false;
 }
 
@@ -49,7 +47,7 @@ int ReadRange(unsigned int address, unsigned int length)
 {
     char name[64];
     snprintf(name, sizeof name, "flash_A_0x%X_L_0x%X.bin", address, length);
-    StdioFile file = OpenStdioFile(name, "w+");
+    UniqueFile file = OpenFile(name, "w+");
     if (!file) {
         printf("Failed to create file: %s\n", name);
         return CloseAndReturn(-1);
@@ -87,7 +85,7 @@ int ReadRange(unsigned int address, unsigned int length)
 int WriteRange(unsigned int address, unsigned int length, const char* path)
 {
     printf("Write bin file:%s\n", path);
-    StdioFile file = OpenStdioFile(path, "rb");
+    UniqueFile file = OpenFile(path, "rb");
     if (!file) {
         printf("Failed to open file: %s\n", path);
         return CloseAndReturn(-1);

@@ -162,15 +162,6 @@ TEST(BringUpFailures, MissingDeviceIsAnOpenError)
     g_Setting.bLogLevel = 0;
 }
 
-TEST_F(HostOnFakeTarget, SynchronTriesFiveTimes)
-{
-    Connect(921600);
-    fake.IgnoreSyncs(4);
-    EXPECT_EQ(0, host->Synchron());
-    fake.IgnoreSyncs(5);
-    EXPECT_EQ(-1, host->Synchron());
-}
-
 TEST_F(HostOnFakeTarget, LongFlashIdentifierDoesNotOverrunItsField)
 {
     Bytes id(200);

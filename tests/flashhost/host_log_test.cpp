@@ -162,31 +162,6 @@ TEST_F(HostLogTest, LinesCarryTheStampTheTitleAndTheDump)
         ExpectLine(lines[i], cases[i].text);
 }
 
-TEST_F(HostLogTest, LongDumpStaysOneLine)
-{
-    std::string path = dir.File("log.txt");
-    UseLog(path, 2);
-    ASSERT_TRUE(host.InitLogFile());
-    std::vector<unsigned char> bytes(2048, 0xFF);
-    host.WriteLogBuf("WriteSector cmd:", bytes.data(), 2048);
-    std::string expected = "WriteSector cmd: length 2048 < ";
-    for (int i = 0; i < 2048; ++i)
-        expected += "FF ";
-    expected += ">";
-    std::vector<std::string> lines = Lines(ReadText(path));
-    ASSERT_EQ(1u, lines.size());
-    ExpectLine(lines[0], expected);
-}
-
-TEST_F(HostLogTest, WriteLogWritesTheGivenNumberOfCharacters)
-{
-    std::string path = dir.File("log.txt");
-    UseLog(path, 1);
-    ASSERT_TRUE(host.InitLogFile());
-    host.WriteLog("Close uart!", 5);
-    ExpectLine(ReadText(path), "Close");
-}
-
 struct StampCase {
     long usec;
     const char* millis;
@@ -236,25 +211,6 @@ TEST_F(HostLogTest, LogFileThatCannotBeOpenedFailsTheStartAndLosesLines)
     EXPECT_FALSE(made);
     EXPECT_EQ("Failed to open log file!\nFailed to open log file!\n",
               testing::internal::GetCapturedStdout());
-}
-
-TEST_F(HostLogTest, CreateMultiDirectoryMakesOnlyWhatIsMissing)
-{
-    EXPECT_EQ(1, CreateMultiDirectory(""));
-    std::string deep = dir.File("x/y/z");
-    EXPECT_EQ(1, CreateMultiDirectory(deep));
-    EXPECT_TRUE(IsFolder(deep));
-    EXPECT_EQ(1, CreateMultiDirectory(deep + "/"));
-    EXPECT_EQ(1, CreateMultiDirectory(dir.File("x//w")));
-    EXPECT_TRUE(IsFolder(dir.File("x/w")));
-}
-
-TEST(HostLogFolder, FolderPartIsEverythingBeforeTheLastSlash)
-{
-    EXPECT_EQ("./log", LogFolderOf("./log/log.txt"));
-    EXPECT_EQ("", LogFolderOf("run.log"));
-    EXPECT_EQ("", LogFolderOf("/log.txt"));
-    EXPECT_EQ("/tmp/x", LogFolderOf("/tmp/x/log.txt"));
 }
 
 }  // namespace
