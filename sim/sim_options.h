@@ -1,10 +1,14 @@
 // The simulator's command line.
 #pragma once
 #include <cstdint>
+#include <iterator>
 #include <string>
 #include <vector>
 
 namespace ksim {
+
+// The identifier a GetFlashId reply carries unless --flash-id says otherwise.
+inline constexpr uint8_t kDefaultFlashId[] = {0xC8, 0x40, 0x16};
 
 struct SimOptions {
     std::string flashPath;                 // empty: flash kept in memory only
@@ -12,7 +16,7 @@ struct SimOptions {
     std::string linkPath;
     std::string tracePath;
     uint8_t responder = 1;
-    std::vector<uint8_t> flashId{0xC8, 0x40, 0x16};
+    std::vector<uint8_t> flashId{std::begin(kDefaultFlashId), std::end(kDefaultFlashId)};
     int romFlash = -1;                     // -1: decided by the responder code
     bool firmware = false;
     bool pace = false;
