@@ -1,7 +1,6 @@
 // Connection bring-up against the scripted target: which commands go out on each
 // road, the failure texts, and that every failure gives the device back.
 #include <functional>
-#include <unistd.h>
 
 #include "common/byte_order.h"
 #include "tests/flashhost/host_fixture.h"
@@ -13,20 +12,19 @@ struct Step {
     uint32_t param;  // first 32-bit parameter, where the command has one
 };
 
-struct RoadCase {
-    const char* name;
-    int useBrom;
-    unsigned char responder;
-    unsigned int baud;
-    std::vector<Step> steps;
-};
-
 const Step kFlashId = {0x18, 0};
 const Step kUpload = {0x09, 0x00010000};
 const Step kStart = {0x13, 0x00010101};
 
 TEST_F(HostOnFakeTarget, BringUpTakesTheRoadTheFlagAndResponderChoose)
 {
+    struct RoadCase {
+        const char* name;
+        int useBrom;
+        unsigned char responder;
+        unsigned int baud;
+        std::vector<Step> steps;
+    };
     const RoadCase cases[] = {
         {"upload at 921600", 1, 1, 921600,
          {kFlashId, {0x10, 0x030E1000}, kUpload, kStart, {0x10, 0x030E1000}}},
@@ -44,10 +42,8 @@ TEST_F(HostOnFakeTarget, BringUpTakesTheRoadTheFlagAndResponderChoose)
         fake.SetResponderCode(c.responder);
         host->SetUseBrom(c.useBrom);
         host->SetBaud(c.baud);
-        testing::internal::CaptureStdout();  // 460800 is not in the table: rate list
-        int result = host->OpenUart();
-        fflush(stdout);
-        testing::internal::GetCapturedStdout();
+        int result = -1;
+        CapturedStdout([&] { result = host->OpenUart(); });  // 460800 prints the rate list
         ASSERT_EQ(0, result) << host->m_strMsg;
         EXPECT_EQ(c.baud, host->GetBaud());
 
@@ -86,16 +82,15 @@ TEST(BootLoaderImage, HasTheVectorTableTheTargetStartsFrom)
         EXPECT_EQ(0x00010127u, LoadLe32(tq_BRom + 4 * i)) << "vector " << i;
 }
 
-struct FailureCase {
-    const char* name;
-    int useBrom;
-    std::function<void(FakeTarget&)> script;
-    std::string text;
-    bool hangsUp;  // the line is gone afterwards, so the device cannot be reopened
-};
-
 TEST(BringUpFailures, EachFailureLeavesItsTextAndClosesThePort)
 {
+    struct FailureCase {
+        const char* name;
+        int useBrom;
+        std::function<void(FakeTarget&)> script;
+        std::string text;
+        bool hangsUp;  // the line is gone afterwards, so the device cannot be reopened
+    };
     const FailureCase cases[] = {
         {"no answer to the first sync", 0, [](FakeTarget& f) { f.HangUpOn(0x55); },
          "Synchron1 error!", true},
@@ -135,10 +130,7 @@ TEST(BringUpFailures, EachFailureLeavesItsTextAndClosesThePort)
         EXPECT_LT(text, closed);
 
         if (!c.hangsUp) {
-            CCommU probe;
-            std::string path = fake.DevicePath();
-            EXPECT_EQ(0, probe.Uart_Init(&path[0], 115200)) << "the port was left open";
-            probe.UART_Close();
+            EXPECT_TRUE(DeviceFree(fake.DevicePath())) << "the port was left open";
         }
         g_Setting.bLogLevel = 0;
     }
@@ -150,10 +142,7 @@ TEST(BringUpFailures, MissingDeviceIsAnOpenError)
     UseLog(dir, 1);
     CFlashHost host;
     host.SetComNum(dir.File("no-such-tty"));
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(-1, host.OpenUart());
-    fflush(stdout);
-    testing::internal::GetCapturedStdout();
+    CapturedStdout([&] { EXPECT_EQ(-1, host.OpenUart()); });
     EXPECT_EQ("Open uart error!", host.m_strMsg);
     std::string log = ReadText(g_Setting.strLogFile);
     EXPECT_NE(std::string::npos, log.find("]Open uart...\n")) << log;
@@ -184,7 +173,7 @@ TEST_F(HostOnFakeTarget, CloseReturnsTheTargetTo115200AndKeepsTheText)
     std::vector<ReceivedCommand> sent = fake.CommandsWith(0x10);
     ASSERT_EQ(1u, sent.size());
     EXPECT_EQ(0x0301C200u, sent[0].Param32(0));
-    EXPECT_TRUE(DeviceFree());
+    EXPECT_TRUE(DeviceFree(fake.DevicePath()));
 
     std::string log = ReadText(g_Setting.strLogFile);
     size_t kept = log.find("]Write failed somewhere\n");
@@ -197,14 +186,11 @@ TEST_F(HostOnFakeTarget, UpgradeTextGoesOutAndThePortIsGivenBack)
     EXPECT_EQ(0, host->SendUpgradeCmd()) << host->m_strMsg;
     ASSERT_TRUE(fake.WaitForRawBytes(9));
     EXPECT_EQ("75 70 67 72 61 64 65 0A 00", ToHex(fake.RawBytes()));
-    EXPECT_TRUE(DeviceFree());
+    EXPECT_TRUE(DeviceFree(fake.DevicePath()));
 
     CFlashHost missing;
     missing.SetComNum("/nonexistent/tty");
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(-1, missing.SendUpgradeCmd());
-    fflush(stdout);
-    testing::internal::GetCapturedStdout();
+    CapturedStdout([&] { EXPECT_EQ(-1, missing.SendUpgradeCmd()); });
     EXPECT_EQ("Open uart error!", missing.m_strMsg);
 }
 

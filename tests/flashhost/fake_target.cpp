@@ -66,7 +66,7 @@ bool FrameChecksumOk(const Bytes& frame)
 
 uint32_t ReceivedCommand::Param32(size_t offset) const
 {
-    return Be32(frame.data() + kHeader + 1 + offset);
+    return Be32(&frame[kHeader + 1 + offset]);
 }
 
 Bytes MakeReply(unsigned char flags, const Bytes& payload, unsigned char responder)
@@ -84,10 +84,7 @@ Bytes MakeReply(unsigned char flags, const Bytes& payload, unsigned char respond
     return reply;
 }
 
-Bytes MakeAck(const Bytes& payload)
-{
-    return MakeReply(0x06, payload);
-}
+Bytes MakeAck(const Bytes& payload) { return MakeReply(0x06, payload); }
 
 Bytes MakeErrorReply(unsigned char type)
 {
@@ -111,95 +108,19 @@ FakeTarget::~FakeTarget()
         m_thread.join();
 }
 
-void FakeTarget::SetResponderCode(unsigned char code)
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_responder = code;
-}
-
-void FakeTarget::SetFlashIdPayload(const Bytes& payload)
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_flashId = payload;
-}
-
-void FakeTarget::IgnoreSyncs(int count)
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_syncsToIgnore = count;
-}
-
-void FakeTarget::ScriptReply(unsigned char opcode, const Bytes& reply, int nth, int phase)
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_scripts.push_back({opcode, phase, nth - 1, reply});
-}
-
-void FakeTarget::HangUpOn(unsigned char opcode, int nth)
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_hangUpOpcode = opcode;
-    m_hangUpSkip = nth - 1;
-}
-
-// Caller holds the lock.
+// Caller holds the lock. Counts the matching item when it is not yet its turn.
 bool FakeTarget::HangUpDue(unsigned char opcode)
 {
-    if (m_hangUpOpcode != opcode)
-        return false;
-    if (m_hangUpSkip > 0) {
-        --m_hangUpSkip;
-        return false;
-    }
-    return true;
-}
-
-std::vector<ReceivedCommand> FakeTarget::Commands()
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_commands;
+    return m_hangUpOpcode == opcode && m_hangUpSkip-- == 0;
 }
 
 std::vector<ReceivedCommand> FakeTarget::CommandsWith(unsigned char opcode)
 {
-    std::vector<ReceivedCommand> all = Commands();
     std::vector<ReceivedCommand> some;
-    for (const ReceivedCommand& c : all)
+    for (const ReceivedCommand& c : Commands())
         if (c.Opcode() == opcode)
             some.push_back(c);
     return some;
-}
-
-Bytes FakeTarget::RawBytes()
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_raw;
-}
-
-size_t FakeTarget::StrayByteCount()
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_stray;
-}
-
-void FakeTarget::ClearRecord()
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_commands.clear();
-    m_raw.clear();
-    m_stray = 0;
-}
-
-Bytes FakeTarget::Flash(uint32_t address, uint32_t length)
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return Bytes(m_flash.begin() + address, m_flash.begin() + address + length);
-}
-
-void FakeTarget::FillFlash(uint32_t address, const Bytes& bytes)
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    std::copy(bytes.begin(), bytes.end(), m_flash.begin() + address);
 }
 
 bool FakeTarget::WaitForRawBytes(size_t count, int timeoutMs)
@@ -264,9 +185,7 @@ bool FakeTarget::Step()
             return true;
         }
     }
-    m_pending.erase(m_pending.begin());
-    std::lock_guard<std::mutex> lock(m_mutex);
-    ++m_stray;
+    m_pending.erase(m_pending.begin());  // a stray byte
     return true;
 }
 
@@ -278,12 +197,8 @@ void FakeTarget::HandleSync()
         HangUp();
         return;
     }
-    if (m_syncsToIgnore > 0) {
-        --m_syncsToIgnore;
-        return;
-    }
     lock.unlock();
-    Send({'O', 'K'});
+    m_pty.Write({'O', 'K'});
 }
 
 // Every pending script for this opcode and phase counts the command; the first one
@@ -331,7 +246,7 @@ void FakeTarget::HandleFrame(const Bytes& frame)
         return;
     }
     if (!reply.empty())
-        Send(reply);
+        m_pty.Write(reply);
 }
 
 // Caller holds the lock.
@@ -405,12 +320,7 @@ void FakeTarget::HandleData(const Bytes& data)
         }
     }
     if (!reply.empty())
-        Send(reply);
-}
-
-void FakeTarget::Send(const Bytes& bytes)
-{
-    m_pty.Write(bytes);
+        m_pty.Write(reply);
 }
 
 void FakeTarget::HangUp()

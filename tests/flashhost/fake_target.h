@@ -2,7 +2,7 @@
 // thread of its own. It checks every frame's checksums itself (with its own
 // knowledge of each opcode's parameters), records what it received, serves a flash
 // image kept in memory, and can be told to answer one command with bytes of the
-// test's choosing, to leave synchronisation bytes unanswered or to hang up.
+// test's choosing, or to hang up.
 #pragma once
 #include <atomic>
 #include <cstdint>
@@ -43,24 +43,30 @@ public:
     const std::string& DevicePath() const { return m_pty.SlavePath(); }
 
     // Scripting; call before the host sends the command concerned.
-    void SetResponderCode(unsigned char code);
-    void SetFlashIdPayload(const Bytes& payload);
-    void IgnoreSyncs(int count);
+    void SetResponderCode(unsigned char code) { Locked([&] { m_responder = code; }); }
+    void SetFlashIdPayload(const Bytes& payload) { Locked([&] { m_flashId = payload; }); }
     // The `nth` next command with this opcode (1 = the very next) is answered with
     // `reply` (empty: no answer at all). Phase 1 is the data phase of a two-phase
     // command.
-    void ScriptReply(unsigned char opcode, const Bytes& reply, int nth = 1, int phase = 0);
+    void ScriptReply(unsigned char opcode, const Bytes& reply, int nth = 1, int phase = 0)
+    {
+        Locked([&] { m_scripts.push_back({opcode, phase, nth - 1, reply}); });
+    }
     // Hangs up the line when the `nth` such command (or, with opcode 0x55, sync
     // byte) from now on arrives.
-    void HangUpOn(unsigned char opcode, int nth = 1);
+    void HangUpOn(unsigned char opcode, int nth = 1)
+    {
+        Locked([&] { m_hangUpOpcode = opcode, m_hangUpSkip = nth - 1; });
+    }
 
-    std::vector<ReceivedCommand> Commands();
+    std::vector<ReceivedCommand> Commands() { return Locked([&] { return m_commands; }); }
     std::vector<ReceivedCommand> CommandsWith(unsigned char opcode);
-    Bytes RawBytes();          // everything received, in order
-    size_t StrayByteCount();   // bytes that were neither a frame, a data phase nor a sync
-    void ClearRecord();
-    Bytes Flash(uint32_t address, uint32_t length);
-    void FillFlash(uint32_t address, const Bytes& bytes);
+    Bytes RawBytes() { return Locked([&] { return m_raw; }); }  // everything received, in order
+    void ClearRecord() { Locked([&] { m_commands.clear(), m_raw.clear(); }); }
+    Bytes Flash(uint32_t address, uint32_t length)
+    {
+        return Locked([&] { return Bytes(&m_flash[address], &m_flash[address] + length); });
+    }
     // Waits until at least `count` raw bytes have been received.
     bool WaitForRawBytes(size_t count, int timeoutMs = 2000);
 
@@ -72,6 +78,12 @@ private:
         Bytes reply;
     };
 
+    template <class F>
+    auto Locked(F f) -> decltype(f())
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return f();
+    }
     void Run();
     bool Step();  // handles one complete item from m_pending; false when more is needed
     void HandleSync();
@@ -79,7 +91,6 @@ private:
     void HandleData(const Bytes& data);
     bool TakeScript(unsigned char opcode, int phase, Bytes* reply);
     Bytes NormalReply(const ReceivedCommand& command);
-    void Send(const Bytes& bytes);
     void HangUp();
     bool HangUpDue(unsigned char opcode);
 
@@ -88,8 +99,6 @@ private:
     std::vector<ReceivedCommand> m_commands;
     std::vector<Script> m_scripts;
     Bytes m_raw;
-    size_t m_stray = 0;
-    int m_syncsToIgnore = 0;
     int m_hangUpOpcode = -1;
     int m_hangUpSkip = 0;
     unsigned char m_responder = 1;

@@ -1,15 +1,10 @@
 // The flash debug mode from the command line against the simulated target: what
 // each operation does to the flash file, and that failures end the tool with 255.
-#include <gtest/gtest.h>
-
-#include <cstdio>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "flashhost/CFlashHost.h"
 #include "serial/CCommU.h"
-#include "tests/support/process.h"
+#include "tests/support/serial_fixtures.h"
 #include "upgrade/UpGrade.h"
 
 namespace {
@@ -18,30 +13,12 @@ typedef std::vector<unsigned char> Bytes;
 
 const size_t kFlashSize = 4u << 20;
 
-bool Has(const std::string& text, const std::string& part)
-{
-    return text.find(part) != std::string::npos;
-}
-
 Bytes PatternFlash()
 {
     Bytes flash(kFlashSize);
     for (size_t a = 0; a < flash.size(); ++a)
         flash[a] = static_cast<unsigned char>(a * 7 + (a >> 12));
     return flash;
-}
-
-void WriteBytes(const std::string& path, const Bytes& bytes)
-{
-    FILE* f = fopen(path.c_str(), "wb");
-    ASSERT_NE(nullptr, f);
-    ASSERT_EQ(bytes.size(), fwrite(bytes.data(), 1, bytes.size(), f));
-    fclose(f);
-}
-
-std::string Text(const Bytes& bytes)
-{
-    return std::string(bytes.begin(), bytes.end());
 }
 
 class FlashDebugEndToEnd : public ::testing::Test {
@@ -75,6 +52,7 @@ protected:
     std::unique_ptr<SimProcess> sim;
 };
 
+// The second range is a whole block and a tail.
 TEST_F(FlashDebugEndToEnd, ReadSavesTheRangeInANamedFile)
 {
     Bytes flash = PatternFlash();
@@ -87,21 +65,15 @@ TEST_F(FlashDebugEndToEnd, ReadSavesTheRangeInANamedFile)
         << r.out;
     Bytes saved = ReadFileBytes(dir.File("flash_A_0x100000_L_0x2000.bin"));
     EXPECT_TRUE(Bytes(flash.begin() + 0x100000, flash.begin() + 0x102000) == saved);
+    r = RunTool({"-D", "r", "-A", "0x30200", "-L", "0x10100"});
+    EXPECT_EQ(0, r.exitStatus) << r.out;
+    saved = ReadFileBytes(dir.File("flash_A_0x30200_L_0x10100.bin"));
+    EXPECT_TRUE(Bytes(flash.begin() + 0x30200, flash.begin() + 0x30200 + 0x10100) == saved);
 
     sim->Stop();
-    std::string trace = Text(ReadFileBytes(dir.File("trace.txt")));
+    std::string trace = ReadText(dir.File("trace.txt"));
     EXPECT_TRUE(Has(trace, "rx 115200 42 52 4F 4D 04 00 60 51 00 00 00 01 18\n"));
     EXPECT_TRUE(Has(trace, "rx 115200 42 52 4F 4D 04 00 52 42 00 00 00 05 10 03 0E 10 00\n"));
-}
-
-TEST_F(FlashDebugEndToEnd, ReadOfABlockAndATail)
-{
-    Bytes flash = PatternFlash();
-    StartSim(flash);
-    ProcessResult r = RunTool({"-D", "r", "-A", "0x30200", "-L", "0x10100"});
-    EXPECT_EQ(0, r.exitStatus) << r.out;
-    Bytes saved = ReadFileBytes(dir.File("flash_A_0x30200_L_0x10100.bin"));
-    EXPECT_TRUE(Bytes(flash.begin() + 0x30200, flash.begin() + 0x30200 + 0x10100) == saved);
 }
 
 TEST_F(FlashDebugEndToEnd, EraseClearsExactlyTheBlocksTheRangeMeets)
@@ -139,7 +111,7 @@ TEST_F(FlashDebugEndToEnd, WriteProgramsTheFileAndNothingElse)
     EXPECT_TRUE(expected == FlashNow());
 }
 
-TEST_F(FlashDebugEndToEnd, ShortWriteFileIsRefusedBeforeAnythingIsWritten)
+TEST_F(FlashDebugEndToEnd, ShortOrMissingWriteFileIsRefusedBeforeAnythingIsWritten)
 {
     Bytes flash(kFlashSize, 0xFF);
     StartSim(flash);
@@ -147,27 +119,20 @@ TEST_F(FlashDebugEndToEnd, ShortWriteFileIsRefusedBeforeAnythingIsWritten)
     ProcessResult r = RunTool({"-D", "w", "-A", "0x20000", "-L", "0x2000", "-B", "short.bin"});
     EXPECT_EQ(255, r.exitStatus) << r.out;
     EXPECT_TRUE(Has(r.out, "Failed to read file: short.bin")) << r.out;
-    EXPECT_TRUE(flash == FlashNow());
-}
-
-TEST_F(FlashDebugEndToEnd, MissingWriteFileFails)
-{
-    StartSim(Bytes(kFlashSize, 0xFF));
-    ProcessResult r = RunTool({"-D", "w", "-A", "0", "-L", "0x200", "-B", "absent.bin"});
+    r = RunTool({"-D", "w", "-A", "0", "-L", "0x200", "-B", "absent.bin"});
     EXPECT_EQ(255, r.exitStatus) << r.out;
     EXPECT_TRUE(Has(r.out, "Failed to open file: absent.bin\n")) << r.out;
+    EXPECT_TRUE(flash == FlashNow());
 }
-
-struct FaultCase {
-    const char* name;
-    std::vector<std::string> fault;
-    std::vector<std::string> options;
-    std::string line;
-};
 
 // A target that hangs up or refuses must end the tool with its text, not hang it.
 TEST_F(FlashDebugEndToEnd, FaultsEndTheToolWithStatus255)
 {
+    struct FaultCase {
+        const char* name;
+        std::vector<std::string> fault, options;
+        std::string line;
+    };
     const FaultCase cases[] = {
         {"vanish while reading", {"--fault", "ReadSector:2:vanish"},
          {"-D", "r", "-A", "0", "-L", "0x2000"},
@@ -192,7 +157,8 @@ TEST_F(FlashDebugEndToEnd, FaultsEndTheToolWithStatus255)
     }
 }
 
-TEST_F(FlashDebugEndToEnd, DeviceHeldByAnotherProgramFailsAtOnce)
+// Held by another program, then not there at all.
+TEST_F(FlashDebugEndToEnd, DeviceThatCannotBeOpenedFailsAtOnce)
 {
     StartSim(Bytes(kFlashSize, 0xFF));
     CCommU holder;
@@ -203,11 +169,8 @@ TEST_F(FlashDebugEndToEnd, DeviceHeldByAnotherProgramFailsAtOnce)
     EXPECT_EQ(255, r.exitStatus) << r.out;
     EXPECT_TRUE(Has(r.out, "ERR: can't open serial port:" + path + "!\r\n")) << r.out;
     EXPECT_TRUE(Has(r.out, "Open uart error!\n")) << r.out;
-}
-
-TEST_F(FlashDebugEndToEnd, MissingDeviceFailsWithTheOpenText)
-{
-    ProcessResult r = RunTool({"-D", "r", "-A", "0", "-L", "0x200"});  // no device at all
+    sim.reset();
+    r = RunTool({"-D", "r", "-A", "0", "-L", "0x200"});
     EXPECT_EQ(255, r.exitStatus) << r.out;
     EXPECT_TRUE(Has(r.out, "Open uart error!\n")) << r.out;
 }
@@ -215,21 +178,14 @@ TEST_F(FlashDebugEndToEnd, MissingDeviceFailsWithTheOpenText)
 // Called in-process: the command line cannot produce these codes.
 TEST_F(FlashDebugEndToEnd, OperationCodesOutsideTheTable)
 {
-    testing::internal::CaptureStdout();
-    int result = FlashOperate(7, 0, 0x200, nullptr);
-    fflush(stdout);
-    EXPECT_EQ(-1, result);
-    EXPECT_EQ("Invalid operation code:7\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ("Invalid operation code:7\n",
+              CapturedStdout([] { EXPECT_EQ(-1, FlashOperate(7, 0, 0x200, nullptr)); }));
 
     StartSim(Bytes(kFlashSize, 0xFF));
     g_flashHost.SetComNum(sim->DevicePath());
     g_flashHost.SetBaud(921600);
-    testing::internal::CaptureStdout();
-    result = FlashOperate(0, 0x1000, 0x200, nullptr);
-    fflush(stdout);
-    EXPECT_EQ(0, result);
     EXPECT_EQ("Debug op:reserve\nAddress:0x00001000\nLength:0x00000200\nInvalid operation code:0\n",
-              testing::internal::GetCapturedStdout());
+              CapturedStdout([] { EXPECT_EQ(0, FlashOperate(0, 0x1000, 0x200, nullptr)); }));
 }
 
 }  // namespace

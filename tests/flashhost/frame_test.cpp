@@ -11,35 +11,28 @@ const char kSetPcTimeout[] = "Cmd read 1 byte waits for ack timeout or comm erro
 TEST(FrameArithmetic, ChecksumAndSwaps)
 {
     CFlashHost host;
-    struct SumCase {
-        Bytes bytes;
-        unsigned short sum;
-    };
-    const SumCase sums[] = {
+    const std::pair<Bytes, unsigned short> sums[] = {
         {{}, 0x0000},
         {{0xAB}, 0x00AB},
         {{0x01, 0x02, 0x03}, 0x0201 + 0x03},  // odd last byte added alone
         {HexBytes("42 52 4F 4D 04 00 00 00 01 00 00 00 18"), 0x9FAE},
         {{0xFF, 0xFF, 0x02, 0x00}, 0x0001},  // wraps modulo 65536, no fold-back
     };
-    for (const SumCase& c : sums) {
-        Bytes copy = c.bytes;
-        EXPECT_EQ(c.sum, host.CheckSum16(copy.data(), static_cast<int>(copy.size())))
-            << ToHex(c.bytes);
-    }
+    for (auto c : sums)
+        EXPECT_EQ(c.second, host.CheckSum16(c.first.data(), static_cast<int>(c.first.size())))
+            << ToHex(c.first);
     EXPECT_EQ(0x78563412u, host.Swap32(0x12345678u));
     EXPECT_EQ(0x3412, host.Swap16(0x1234));
 }
 
-struct FrameCase {
-    const char* name;
-    std::function<int(CFlashHost&)> send;
-    const char* frame;
-};
-
 TEST_F(HostOnFakeTarget, WorkedExamplesGoOutByteForByte)
 {
     Connect();
+    struct FrameCase {
+        const char* name;
+        std::function<int(CFlashHost&)> send;
+        const char* frame;
+    };
     static unsigned char sectors[4 * 512];
     static unsigned char erased[512];
     memset(erased, 0xFF, sizeof erased);
@@ -174,11 +167,8 @@ TEST_F(HostOnFakeTarget, BadMagicIsReportedOnTheConsole)
     Bytes reply = MakeAck({1, 2, 3, 4});
     memcpy(reply.data(), "MORB", 4);
     fake.ScriptReply(0x13, reply);
-    testing::internal::CaptureStdout();
-    int result = host->SetPC(0x00010101);
-    fflush(stdout);
-    EXPECT_EQ("magic:0x42524F4D, 0x4D4F5242\n", testing::internal::GetCapturedStdout());
-    EXPECT_EQ(-1, result);
+    EXPECT_EQ("magic:0x42524F4D, 0x4D4F5242\n",
+              CapturedStdout([&] { EXPECT_EQ(-1, host->SetPC(0x00010101)); }));
     EXPECT_EQ("Invalid response!", host->m_strMsg);
     EXPECT_EQ(0, host->SetPC(0x00010101)) << "the rest of the bad reply was left on the line";
 }

@@ -1,19 +1,13 @@
 // A flash host of its own talking to a FakeTarget, plus small helpers for the flash
 // host tests.
 #pragma once
-#include <gtest/gtest.h>
-
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "flashhost/CFlashHost.h"
 #include "frontend/Setting.h"
 #include "tests/flashhost/fake_target.h"
-#include "tests/support/process.h"
 
 // "42 52 4F 4D" -> bytes.
 inline Bytes HexBytes(const std::string& text)
@@ -47,10 +41,13 @@ inline void UseLog(const TempDir& dir, unsigned char level)
     snprintf(g_Setting.strLogFile, sizeof g_Setting.strLogFile, "%s", path.c_str());
 }
 
-inline std::string ReadText(const std::string& path)
+// True when nothing else holds the device: a host's lock is gone.
+inline bool DeviceFree(std::string path)
 {
-    Bytes bytes = ReadFileBytes(path);
-    return std::string(bytes.begin(), bytes.end());
+    CCommU probe;
+    bool free = probe.Uart_Init(&path[0], 115200) == 0;
+    probe.UART_Close();
+    return free;
 }
 
 class HostOnFakeTarget : public ::testing::Test {
@@ -72,16 +69,6 @@ protected:
         host->SetBaud(baud);
         ASSERT_EQ(0, host->OpenUart()) << host->m_strMsg;
         fake.ClearRecord();
-    }
-
-    // True when nothing else holds the device: the host's lock is gone.
-    bool DeviceFree()
-    {
-        CCommU probe;
-        std::string path = fake.DevicePath();
-        bool free = probe.Uart_Init(&path[0], 115200) == 0;
-        probe.UART_Close();
-        return free;
     }
 
     FakeTarget fake;

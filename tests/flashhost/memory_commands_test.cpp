@@ -1,7 +1,6 @@
 // Memory and register commands: what is copied out, the two-phase bulk write, and
 // the wait-for-ack text of every command.
 #include <functional>
-#include <unistd.h>
 
 #include "tests/flashhost/host_fixture.h"
 
@@ -15,18 +14,15 @@ TEST_F(HostOnFakeTarget, SingleValueReadsCopyExactlyTheirSize)
         unsigned char opcode;
         size_t size;
     };
-    const ReadCase cases[] = {
-        {&CFlashHost::Read_1_byte, 0x00, 1},
-        {&CFlashHost::Read_2_byte, 0x02, 2},
-        {&CFlashHost::Read_4_byte, 0x04, 4},
-        {&CFlashHost::Read_8_byte, 0x06, 8},
-    };
+    const ReadCase cases[] = {{&CFlashHost::Read_1_byte, 0x00, 1},
+                              {&CFlashHost::Read_2_byte, 0x02, 2},
+                              {&CFlashHost::Read_4_byte, 0x04, 4},
+                              {&CFlashHost::Read_8_byte, 0x06, 8}};
     for (const ReadCase& c : cases) {
         SCOPED_TRACE(c.size);
         fake.ClearRecord();
-        Bytes out(12, 0xEE);
+        Bytes out(12, 0xEE), expected(12, 0xEE);
         ASSERT_EQ(0, (host.get()->*c.read)(0x40001000, out.data())) << host->m_strMsg;
-        Bytes expected(12, 0xEE);
         for (size_t i = 0; i < c.size; ++i)
             expected[i] = static_cast<unsigned char>(i + 1);  // the fake's payload 01 02 .. 08
         EXPECT_EQ(expected, out);
@@ -38,14 +34,18 @@ TEST_F(HostOnFakeTarget, SingleValueReadsCopyExactlyTheirSize)
     }
 }
 
-TEST_F(HostOnFakeTarget, ReadShorterThanTheValueIsRefused)
+// A reply shorter than asked for leaves the caller's buffer as it was.
+TEST_F(HostOnFakeTarget, ShortReplyPayloadIsRefusedAndNotCopied)
 {
-    Connect();
+    Connect(921600);
+    Bytes out(2048, 0xEE);
     fake.ScriptReply(0x06, MakeAck({1, 2, 3, 4}));
-    Bytes out(8, 0xEE);
     EXPECT_EQ(-1, host->Read_8_byte(0, out.data()));
     EXPECT_EQ("Reply payload too short!", host->m_strMsg);
-    EXPECT_EQ(Bytes(8, 0xEE), out);
+    fake.ScriptReply(0x1A, MakeAck(Bytes(512, 0x11)));
+    EXPECT_EQ(-1, host->ReadSector(0, out.data(), 4));
+    EXPECT_EQ("Reply payload too short!", host->m_strMsg);
+    EXPECT_EQ(Bytes(2048, 0xEE), out);
 }
 
 TEST_F(HostOnFakeTarget, WriteMemoryLenSendsTheDataAfterTheAcknowledgedCommand)
@@ -55,34 +55,43 @@ TEST_F(HostOnFakeTarget, WriteMemoryLenSendsTheDataAfterTheAcknowledgedCommand)
     for (size_t i = 0; i < data.size(); ++i)
         data[i] = static_cast<unsigned char>(i * 13 + 1);
     ASSERT_EQ(0, host->WriteMemoryLen(0x00020000, data.data(), 3000)) << host->m_strMsg;
+    unsigned char none = 0;  // nothing to send: the announced checksum is FF FF
+    ASSERT_EQ(0, host->WriteMemoryLen(0x00020000, &none, 0)) << host->m_strMsg;
     std::vector<ReceivedCommand> sent = fake.Commands();
-    ASSERT_EQ(1u, sent.size());
+    ASSERT_EQ(2u, sent.size());
     EXPECT_TRUE(sent[0].answered) << "the fake target found a checksum wrong";
     EXPECT_EQ(23u, sent[0].frame.size());
     EXPECT_EQ(0x00020000u, sent[0].Param32(0));
     EXPECT_EQ(3000u, sent[0].Param32(4));
     EXPECT_EQ(data, sent[0].data);
+    EXPECT_EQ("00 00 00 00 FF FF", ToHex(Bytes(sent[1].frame.begin() + 17, sent[1].frame.end())));
 }
 
-TEST_F(HostOnFakeTarget, WriteMemoryLenOfNothingAnnouncesTheEmptyChecksum)
-{
-    Connect();
-    unsigned char none = 0;
-    ASSERT_EQ(0, host->WriteMemoryLen(0x00020000, &none, 0)) << host->m_strMsg;
-    std::vector<ReceivedCommand> sent = fake.Commands();
-    ASSERT_EQ(1u, sent.size());
-    EXPECT_EQ("00 00 00 00 FF FF", ToHex(Bytes(sent[0].frame.begin() + 17, sent[0].frame.end())));
-}
-
+// The data would be sync bytes, each drawing an answer, had it been sent.
 TEST_F(HostOnFakeTarget, RefusedBulkCommandSendsNoData)
 {
-    Connect();
-    fake.ScriptReply(0x09, MakeErrorReply(5));
-    Bytes data(600, 0x55);  // sync bytes: would each draw an answer if sent
-    EXPECT_EQ(-1, host->WriteMemoryLen(0x00020000, data.data(), 600));
-    EXPECT_EQ("CMD no mem!", host->m_strMsg);
-    usleep(100000);
-    EXPECT_EQ(23u, fake.RawBytes().size());
+    Bytes data(2048, 0x55);
+    struct RefusedCase {
+        unsigned char opcode, error;
+        const char* text;
+        std::function<int(CFlashHost&)> send;
+    };
+    const RefusedCase cases[] = {
+        {0x09, 5, "CMD no mem!",
+         [&](CFlashHost& h) { return h.WriteMemoryLen(0x00020000, data.data(), 600); }},
+        {0x1B, 2, "CMD timeout!",
+         [&](CFlashHost& h) { return h.WriteFlashLength(0, data.data(), 2048); }},
+    };
+    for (const RefusedCase& c : cases) {
+        SCOPED_TRACE(c.text);
+        Connect();
+        fake.ScriptReply(c.opcode, MakeErrorReply(c.error));
+        EXPECT_EQ(-1, c.send(*host));
+        EXPECT_EQ(c.text, host->m_strMsg);
+        usleep(100000);
+        EXPECT_EQ(23u, fake.RawBytes().size());
+        host->Close();
+    }
 }
 
 TEST_F(HostOnFakeTarget, ReadMemoryLenCopiesTheBlock)
@@ -93,7 +102,6 @@ TEST_F(HostOnFakeTarget, ReadMemoryLenCopiesTheBlock)
     for (size_t i = 0; i < 32; ++i)
         EXPECT_EQ(i, out[i]);
     EXPECT_EQ(0xEE, out[32]);
-
     fake.ClearRecord();
     ASSERT_EQ(0, host->ReadMemoryLen(0x00030000, out.data(), 0)) << host->m_strMsg;
     std::vector<ReceivedCommand> sent = fake.Commands();
@@ -104,7 +112,7 @@ TEST_F(HostOnFakeTarget, ReadMemoryLenCopiesTheBlock)
 TEST_F(HostOnFakeTarget, ReadsBeyondTheReplyBufferAreRefusedBeforeSending)
 {
     Connect();
-    std::vector<unsigned char> big(16 * 512);
+    Bytes big(16 * 512);
     EXPECT_EQ(-1, host->ReadMemoryLen(0, big.data(), 8191));
     EXPECT_EQ("Read request exceeds the 8190-byte reply buffer!", host->m_strMsg);
     EXPECT_EQ(-1, host->ReadSector(0, big.data(), 16));
@@ -114,55 +122,40 @@ TEST_F(HostOnFakeTarget, ReadsBeyondTheReplyBufferAreRefusedBeforeSending)
     EXPECT_EQ(0, host->ReadSector(0, big.data(), 15)) << host->m_strMsg;
 }
 
-struct TimeoutCase {
-    const char* name;
-    unsigned char opcode;
-    std::function<int(CFlashHost&)> send;
-    const char* text;
-};
-
 // The target hangs up when the command arrives, so the reply header never comes.
 TEST(CommandTimeouts, EveryCommandNamesItsWaitForAck)
 {
     static unsigned char buf[4 * 512];
-    const char* kRead1 = "Cmd read 1 byte waits for ack timeout or comm error!";
-    const char* kReadSectors = "Cmd read sectors waits for ack timeout or comm error!";
-    const char* kWriteSectors = "Cmd write sectors waits for ack timeout or comm error!";
+    typedef int (CFlashHost::*Single)(unsigned int, unsigned char*);
+    struct TimeoutCase {
+        unsigned char opcode;
+        std::function<int(CFlashHost&)> send;
+        const char* what;  // "Cmd <what> waits for ack timeout or comm error!"
+    };
+    auto single = [](Single f) { return [f](CFlashHost& h) { return (h.*f)(0, buf); }; };
     const TimeoutCase cases[] = {
-        {"Read_1_byte", 0x00, [](CFlashHost& h) { return h.Read_1_byte(0, buf); }, kRead1},
-        {"Read_2_byte", 0x02, [](CFlashHost& h) { return h.Read_2_byte(0, buf); },
-         "Cmd read 2 byte waits for ack timeout or comm error!"},
-        {"Read_4_byte", 0x04, [](CFlashHost& h) { return h.Read_4_byte(0, buf); },
-         "Cmd read 4 byte waits for ack timeout or comm error!"},
-        {"Read_8_byte", 0x06, [](CFlashHost& h) { return h.Read_8_byte(0, buf); },
-         "Cmd read 8 byte waits for ack timeout or comm error!"},
-        {"Write_1_byte", 0x01, [](CFlashHost& h) { return h.Write_1_byte(0, buf); },
-         "Cmd write 1 byte waits for ack timeout or comm error!"},
-        {"Write_2_byte", 0x03, [](CFlashHost& h) { return h.Write_2_byte(0, buf); },
-         "Cmd write 2 byte waits for ack timeout or comm error!"},
-        {"Write_4_byte", 0x05, [](CFlashHost& h) { return h.Write_4_byte(0, buf); },
-         "Cmd write 4 byte waits for ack timeout or comm error!"},
-        {"Write_8_byte", 0x07, [](CFlashHost& h) { return h.Write_8_byte(0, buf); },
-         "Cmd write 8 byte waits for ack timeout or comm error!"},
-        {"ReadMemoryLen", 0x08, [](CFlashHost& h) { return h.ReadMemoryLen(0, buf, 4); },
-         kReadSectors},
-        {"WriteMemoryLen", 0x09, [](CFlashHost& h) { return h.WriteMemoryLen(0, buf, 4); },
-         kWriteSectors},
-        {"SetJtag", 0x11, [](CFlashHost& h) { return h.SetJtag(1); }, kRead1},
-        {"SetPC", 0x13, [](CFlashHost& h) { return h.SetPC(0x00010101); }, kRead1},
-        {"GetFlashId", 0x18, [](CFlashHost& h) { return h.GetFlashId(); }, kRead1},
-        {"SysReboot", 0x12, [](CFlashHost& h) { return h.SysReboot(); }, kRead1},
-        {"ChangeBaud", 0x10, [](CFlashHost& h) { return h.ChangeBaud(0x030E1000); },
-         "Cmd change baud waits for ack timeout or comm error!"},
-        {"EraseFlash", 0x19, [](CFlashHost& h) { return h.EraseFlash(0); },
-         "Cmd erase waits for ack timeout or comm error!"},
-        {"ReadSector", 0x1A, [](CFlashHost& h) { return h.ReadSector(0, buf, 1); }, kReadSectors},
-        {"WriteSector", 0x1B, [](CFlashHost& h) { return h.WriteSector(0, buf, 1); },
-         kWriteSectors},
+        {0x00, single(&CFlashHost::Read_1_byte), "read 1 byte"},
+        {0x02, single(&CFlashHost::Read_2_byte), "read 2 byte"},
+        {0x04, single(&CFlashHost::Read_4_byte), "read 4 byte"},
+        {0x06, single(&CFlashHost::Read_8_byte), "read 8 byte"},
+        {0x01, single(&CFlashHost::Write_1_byte), "write 1 byte"},
+        {0x03, single(&CFlashHost::Write_2_byte), "write 2 byte"},
+        {0x05, single(&CFlashHost::Write_4_byte), "write 4 byte"},
+        {0x07, single(&CFlashHost::Write_8_byte), "write 8 byte"},
+        {0x08, [](CFlashHost& h) { return h.ReadMemoryLen(0, buf, 4); }, "read sectors"},
+        {0x09, [](CFlashHost& h) { return h.WriteMemoryLen(0, buf, 4); }, "write sectors"},
+        {0x11, [](CFlashHost& h) { return h.SetJtag(1); }, "read 1 byte"},
+        {0x13, [](CFlashHost& h) { return h.SetPC(0x00010101); }, "read 1 byte"},
+        {0x18, [](CFlashHost& h) { return h.GetFlashId(); }, "read 1 byte"},
+        {0x12, [](CFlashHost& h) { return h.SysReboot(); }, "read 1 byte"},
+        {0x10, [](CFlashHost& h) { return h.ChangeBaud(0x030E1000); }, "change baud"},
+        {0x19, [](CFlashHost& h) { return h.EraseFlash(0); }, "erase"},
+        {0x1A, [](CFlashHost& h) { return h.ReadSector(0, buf, 1); }, "read sectors"},
+        {0x1B, [](CFlashHost& h) { return h.WriteSector(0, buf, 1); }, "write sectors"},
     };
     g_Setting.bLogLevel = 0;
     for (const TimeoutCase& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(int(c.opcode));
         FakeTarget fake;
         ASSERT_TRUE(fake.Ok());
         CFlashHost host;
@@ -171,7 +164,8 @@ TEST(CommandTimeouts, EveryCommandNamesItsWaitForAck)
         ASSERT_EQ(0, host.OpenUart()) << host.m_strMsg;
         fake.HangUpOn(c.opcode);
         EXPECT_EQ(-1, c.send(host));
-        EXPECT_EQ(c.text, host.m_strMsg);
+        EXPECT_EQ(std::string("Cmd ") + c.what + " waits for ack timeout or comm error!",
+                  host.m_strMsg);
     }
 }
 

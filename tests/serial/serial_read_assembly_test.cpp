@@ -1,23 +1,17 @@
 // A reply that arrives in pieces while ReadMsg polls is assembled in order.
-#include <gtest/gtest.h>
-
-#include <string>
 #include <thread>
-#include <unistd.h>
-#include <vector>
 
 #include "serial/CCommU.h"
 #include "tests/support/serial_fixtures.h"
 
 namespace {
 
-struct PieceCase {
-    unsigned int baud;
-    std::vector<size_t> pieces;
-};
-
 TEST(SerialReadAssembly, PiecesArrivingDuringTheWaitMakeOneReply)
 {
+    struct PieceCase {
+        unsigned int baud;
+        std::vector<size_t> pieces;
+    };
     const PieceCase cases[] = {
         {115200, {5, 7}},
         {921600, {5, 7}},
@@ -38,8 +32,7 @@ TEST(SerialReadAssembly, PiecesArrivingDuringTheWaitMakeOneReply)
             size_t at = 0;
             for (size_t piece : c.pieces) {
                 usleep(30000);  // several poll intervals apart
-                pty.Write(
-                    std::vector<unsigned char>(reply.begin() + at, reply.begin() + at + piece));
+                pty.Write({reply.begin() + at, reply.begin() + at + piece});
                 at += piece;
             }
         });

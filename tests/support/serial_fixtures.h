@@ -2,14 +2,45 @@
 // the slave device by its path, the test plays the other end of the line on the
 // master.
 #pragma once
-#include <chrono>
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
-#include <poll.h>
 #include <string>
 #include <unistd.h>
 #include <vector>
+
+#include "tests/support/process.h"
+
+// What `run` prints on standard output while it runs.
+template <class Run>
+std::string CapturedStdout(Run run)
+{
+    testing::internal::CaptureStdout();
+    run();
+    fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+}
+
+inline std::string ReadText(const std::string& path)
+{
+    std::vector<unsigned char> bytes = ReadFileBytes(path);
+    return std::string(bytes.begin(), bytes.end());
+}
+
+inline void WriteBytes(const std::string& path, const std::vector<unsigned char>& bytes)
+{
+    FILE* f = fopen(path.c_str(), "wb");
+    ASSERT_NE(nullptr, f);
+    EXPECT_EQ(bytes.size(), fwrite(bytes.data(), 1, bytes.size(), f));
+    fclose(f);
+}
+
+inline bool Has(const std::string& text, const std::string& part)
+{
+    return text.find(part) != std::string::npos;
+}
 
 class PtyPair {
 public:
@@ -60,24 +91,6 @@ public:
             else
                 usleep(1000);
         }
-    }
-
-    // Collects what the code under test wrote until `count` bytes are there or the
-    // time is up.
-    std::vector<unsigned char> Read(size_t count, int timeoutMs = 2000) const
-    {
-        std::vector<unsigned char> got;
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (got.size() < count && std::chrono::steady_clock::now() < deadline) {
-            pollfd p = {m_master, POLLIN, 0};
-            if (poll(&p, 1, 10) <= 0)
-                continue;
-            unsigned char buf[4096];
-            ssize_t n = read(m_master, buf, sizeof buf);
-            if (n > 0)
-                got.insert(got.end(), buf, buf + n);
-        }
-        return got;
     }
 
 private:
