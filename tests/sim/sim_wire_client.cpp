@@ -4,13 +4,13 @@
 #include <chrono>
 #include <cstdio>
 #include <fcntl.h>
-#include <fstream>
-#include <iterator>
-#include <poll.h>
 #include <sstream>
+#include <poll.h>
 #include <termios.h>
 #include <thread>
 #include <unistd.h>
+
+#include "tests/support/process.h"
 
 namespace {
 
@@ -77,12 +77,9 @@ Bytes CommandFrame(uint8_t opcode, const std::vector<Param>& params, const Bytes
 Bytes FromHex(const std::string& text)
 {
     Bytes bytes;
-    std::string digits;
-    for (char c : text)
-        if (c != ' ')
-            digits += c;
-    for (size_t i = 0; i + 1 < digits.size(); i += 2)
-        bytes.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+    std::istringstream in(text);
+    for (std::string pair; in >> pair;)
+        bytes.push_back(static_cast<uint8_t>(std::stoul(pair, nullptr, 16)));
     return bytes;
 }
 
@@ -111,14 +108,8 @@ SimPort::SimPort(const std::string& device, uint32_t baud)
 
 SimPort::~SimPort()
 {
-    Close();
-}
-
-void SimPort::Close()
-{
     if (m_fd >= 0)
         close(m_fd);
-    m_fd = -1;
 }
 
 void SimPort::SetSpeed(uint32_t baud)
@@ -180,59 +171,25 @@ SimReply SimPort::ReadReply(int timeoutMs)
     reply.flags = h[4];
     reply.responder = h[5];
     reply.length = static_cast<uint32_t>(h[8] << 24 | h[9] << 16 | h[10] << 8 | h[11]);
-    if (reply.flags & 0x01) {
-        Bytes type = Read(1, timeoutMs);
-        if (type.size() != 1)
-            return reply;
-        reply.errorType = type[0];
-        reply.payload = type;
-    } else {
-        reply.payload = Read(reply.length, timeoutMs);
-        if (reply.payload.size() != reply.length)
-            return reply;
-    }
+    reply.payload = Read(reply.flags & 0x01 ? 1 : reply.length, timeoutMs);
+    if (reply.payload.size() != (reply.flags & 0x01 ? 1 : reply.length))
+        return reply;
+    if (reply.flags & 0x01)
+        reply.errorType = reply.payload[0];
     reply.complete = true;
     // Check as a host does: length and checksum back to little-endian, sum to 0xFFFF.
     Bytes host = h;
-    host[6] = h[7];
-    host[7] = h[6];
+    std::swap(host[6], host[7]);
     std::reverse(host.begin() + 8, host.begin() + 12);
     host.insert(host.end(), reply.payload.begin(), reply.payload.end());
     reply.checksumOk = WordSum(host) == 0xFFFF;
     return reply;
 }
 
-SimReply SimPort::Exchange(const Bytes& frame, int timeoutMs)
-{
-    Send(frame);
-    return ReadReply(timeoutMs);
-}
-
 bool SimPort::Sync(int timeoutMs)
 {
     Send({0x55});
     return Read(2, timeoutMs) == Bytes{0x4F, 0x4B};
-}
-
-bool SimPort::Silent(int ms)
-{
-    return Read(1, ms).empty();
-}
-
-Bytes GetFlashIdFrame() { return CommandFrame(0x18, {}); }
-Bytes ChangeBaudFrame(uint32_t speed) { return CommandFrame(0x10, {{0x03000000u | speed, 4}}); }
-Bytes EraseFrame(uint32_t address) { return CommandFrame(0x19, {{3, 1}, {address, 4}}); }
-Bytes ReadSectorFrame(uint32_t sector, uint32_t count) { return CommandFrame(0x1A, {{sector, 4}, {count, 4}}); }
-Bytes SetPcFrame(uint32_t address) { return CommandFrame(0x13, {{address, 4}}); }
-
-Bytes WriteSectorFrame(uint32_t sector, uint32_t count, uint16_t dataChecksum)
-{
-    return CommandFrame(0x1B, {{sector, 4}, {count, 4}, {dataChecksum, 2}});
-}
-
-Bytes WriteMemoryFrame(uint32_t address, uint32_t count, uint16_t dataChecksum)
-{
-    return CommandFrame(0x09, {{address, 4}, {count, 4}, {dataChecksum, 2}});
 }
 
 Bytes BootLoaderImage(size_t size)
@@ -251,13 +208,18 @@ Bytes BootLoaderImage(size_t size)
     return image;
 }
 
+SimReply WriteWithData(SimPort& port, const Bytes& command, const Bytes& data, int timeoutMs)
+{
+    if (!port.Exchange(command).IsAck())
+        return SimReply{};
+    port.Send(data);
+    return port.ReadReply(timeoutMs);
+}
+
 bool WriteSectors(SimPort& port, uint32_t sector, const Bytes& data)
 {
     uint32_t count = static_cast<uint32_t>(data.size() / 512);
-    if (!port.Exchange(WriteSectorFrame(sector, count, DataChecksum(data))).IsAck())
-        return false;
-    port.Send(data);
-    return port.ReadReply().IsAck();
+    return WriteWithData(port, WriteSectorFrame(sector, count, DataChecksum(data)), data).IsAck();
 }
 
 Bytes ReadSectors(SimPort& port, uint32_t sector, uint32_t count)
@@ -266,14 +228,15 @@ Bytes ReadSectors(SimPort& port, uint32_t sector, uint32_t count)
     return reply.IsAck() ? reply.payload : Bytes{};
 }
 
+bool UploadAndRun(SimPort& port, const Bytes& image, uint32_t pc)
+{
+    Bytes command = WriteMemoryFrame(0x00010000, static_cast<uint32_t>(image.size()), DataChecksum(image));
+    return WriteWithData(port, command, image).IsAck() && port.Exchange(SetPcFrame(pc)).IsAck();
+}
+
 bool StartBootLoader(SimPort& port)
 {
-    Bytes image = BootLoaderImage();
-    if (!port.Exchange(WriteMemoryFrame(0x00010000, static_cast<uint32_t>(image.size()),
-                                        DataChecksum(image))).IsAck())
-        return false;
-    port.Send(image);
-    if (!port.ReadReply().IsAck() || !port.Exchange(SetPcFrame(0x00010101)).IsAck())
+    if (!UploadAndRun(port, BootLoaderImage(), 0x00010101))
         return false;
     port.SetSpeed(115200);
     return port.Sync();
@@ -281,8 +244,16 @@ bool StartBootLoader(SimPort& port)
 
 std::string ReadTextFile(const std::string& path)
 {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    Bytes bytes = ReadFileBytes(path);
+    return std::string(bytes.begin(), bytes.end());
+}
+
+bool WaitUntilGone(const std::string& path)
+{
+    for (int i = 0; i < 50; ++i) {
+        if (access(path.c_str(), F_OK) != 0)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
 }

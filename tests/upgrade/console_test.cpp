@@ -47,13 +47,12 @@ std::string Echo(const std::string& line)
 TEST(StopConsole, OnlyTheExactStopLineStops)
 {
     const std::string longLine(300, 'x');
-    struct Case {
+    const struct {
         const char* what;
         std::string input;
         bool stops;
         std::string output;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"stop first", "stop\n", true, ""},
         {"one line, then stop", "abc\nstop\n", true, Echo("abc\n")},
         {"case and blanks matter", "Stop\nstop \n stop\n", false,
@@ -66,7 +65,7 @@ TEST(StopConsole, OnlyTheExactStopLineStops)
         {"stop as the tail of a long line", std::string(259, 'y') + "stop\n", true,
          Echo(std::string(259, 'y'))},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         g_flashHost.SetStartUpdate();
         std::string out = RunConsole(c.input);
         EXPECT_EQ(g_flashHost.GetUpdateStatus() != 0, c.stops) << c.what;

@@ -11,17 +11,10 @@ namespace {
 
 TEST(CombinedImagePath, OnlyTheExactSuffix)
 {
-    struct Case {
-        const char* path;
-        bool combined;
-    };
-    const Case cases[] = {
-        {"x.cimg", true},      {"dir/a.b.cimg", true}, {".cimg", true},
-        {"x.CIMG", false},     {"x.cimg.bak", false},  {"cimg", false},
-        {"x.img", false},      {"", false},            {"xcimg", false},
-    };
-    for (const Case& c : cases)
-        EXPECT_EQ(IsCombinedImagePath(c.path), c.combined) << c.path;
+    for (const char* path : {"x.cimg", "dir/a.b.cimg", ".cimg"})
+        EXPECT_TRUE(IsCombinedImagePath(path)) << path;
+    for (const char* path : {"x.CIMG", "x.cimg.bak", "cimg", "x.img", "", "xcimg"})
+        EXPECT_FALSE(IsCombinedImagePath(path)) << path;
 }
 
 TEST(LoadBlockFromFile, PadsWithTheErasedValue)

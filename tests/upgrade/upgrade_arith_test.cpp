@@ -3,7 +3,8 @@
 // by the end-to-end runs.)
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <algorithm>
+#include <vector>
 
 #include "upgrade/UpGrade.h"
 #include "upgrade/etf_image.h"
@@ -12,18 +13,19 @@
 
 namespace {
 
+using Bytes = std::vector<unsigned char>;
+
 TEST(BlockPercent, FollowsTheProgressNumbering)
 {
-    struct Case {
+    const struct {
         uint32_t total, index;
         uint32_t expected[4];  // check/erase, write, read, verify
-    };
-    const Case cases[] = {
+    } cases[] = {
         {1, 0, {10, 30, 50, 70}}, {4, 0, {10, 15, 20, 25}}, {4, 3, {70, 75, 80, 85}},
         {3, 0, {10, 16, 23, 30}}, {3, 1, {36, 43, 50, 56}}, {3, 2, {63, 70, 76, 83}},
         {65535, 65534, {89, 89, 89, 89}},  // the largest 32-bit image stays below the tail's 90
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         for (uint32_t step = 0; step < 4; ++step) {
             EXPECT_EQ(BlockPercent(c.index, step, c.total), c.expected[step])
                 << "N=" << c.total << " i=" << c.index << " k=" << step;
@@ -33,75 +35,63 @@ TEST(BlockPercent, FollowsTheProgressNumbering)
 
 TEST(GenerateOtaBuf, SlotCountForAreaSize)
 {
-    struct Case {
+    const struct {
         unsigned int size, slots;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {2048, 62},    {32768, 993},     {33767, 1023},    {33768, 1024}, {2162663, 1024},
         {2162664, 0},  {2162697, 1},     {9, 1},           {0xFFFFFFFF, 1024},
     };
-    for (const Case& c : cases)
+    for (const auto& c : cases)
         EXPECT_EQ(GenerateOtaBuf(c.size), c.slots) << "size " << c.size;
 }
 
 TEST(GenerateOtaBuf, HeaderBytes)
 {
     ASSERT_EQ(GenerateOtaBuf(32768), 993u);
-    const unsigned char head[] = {0xA5, 0x5A, 0x5A, 0xA5, 0xE1, 0x03, 0x04, 0x00, 0xFE};
-    const unsigned char trailer[] = {0x55, 0x55, 0x69, 0x96};
-    EXPECT_EQ(std::memcmp(OtaBuf, head, sizeof head), 0);
-    EXPECT_EQ(std::memcmp(OtaBuf + 1001, trailer, sizeof trailer), 0);
-    for (int i = 9; i < kOtaHeaderSize; ++i) {
-        if (i < 1001 || i >= 1005) {
-            ASSERT_EQ(OtaBuf[i], 0xFF) << i;
-        }
-    }
+    Bytes expected(kOtaHeaderSize, 0xFF);
+    const Bytes head = {0xA5, 0x5A, 0x5A, 0xA5, 0xE1, 0x03, 0x04, 0x00, 0xFE}, trailer = {0x55, 0x55, 0x69, 0x96};
+    std::copy(head.begin(), head.end(), expected.begin());
+    std::copy(trailer.begin(), trailer.end(), expected.begin() + 1001);
+    EXPECT_EQ(Bytes(OtaBuf, OtaBuf + kOtaHeaderSize), expected);
 
     // With no slots the trailer takes the first slot's place, and nothing of the
     // longer header built before is left.
     ASSERT_EQ(GenerateOtaBuf(2162664), 0u);
-    EXPECT_EQ(std::memcmp(OtaBuf + 8, trailer, sizeof trailer), 0);
-    for (int i = 12; i < kOtaHeaderSize; ++i)
-        ASSERT_EQ(OtaBuf[i], 0xFF) << i;
+    expected.assign(kOtaHeaderSize, 0xFF);
+    std::copy(trailer.begin(), trailer.end(), expected.begin() + 8);
+    EXPECT_EQ(Bytes(OtaBuf + 8, OtaBuf + kOtaHeaderSize), Bytes(expected.begin() + 8, expected.end()));
 }
 
 TEST(OtaArea, DerivedValues)
 {
-    struct Case {
+    const struct {
         uint32_t address, sizeWord;
         uint32_t size, firstBlock, end, lastBlock, crossed, room, firstShare;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {0x001F8000, 0x00800000, 32768, 0x001F0000, 0x00200000, 0x00200000, 1, 0x8000, 0x8000},
         {0x000FFC00, 0x008000AB, 32768, 0x000F0000, 0x00107C00, 0x00100000, 1, 1024, 1024},
         {0x000FF800, 0xFFFFFF00, 32768, 0x000F0000, 0x00107800, 0x00100000, 1, 2048, 2048},
         {0x00050100, 0x00200000, 8192, 0x00050000, 0x00052100, 0x00050000, 0, 0xFF00, 8192},
         {0x00100000, 0x03000000, 0x30000, 0x00100000, 0x00130000, 0x00130000, 3, 0x10000, 0x10000},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << std::hex << c.address);
         OtaLayout l = ComputeOtaLayout(c.address, OtaAreaSize(c.sizeWord));
-        EXPECT_EQ(l.size, c.size);
-        EXPECT_EQ(l.firstBlock, c.firstBlock);
-        EXPECT_EQ(l.end, c.end);
-        EXPECT_EQ(l.lastBlock, c.lastBlock);
-        EXPECT_EQ(l.blocksCrossed, c.crossed);
-        EXPECT_EQ(l.room, c.room);
-        EXPECT_EQ(l.firstShare, c.firstShare);
+        EXPECT_EQ((std::vector<uint32_t>{l.size, l.firstBlock, l.end, l.lastBlock, l.blocksCrossed, l.room, l.firstShare}),
+                  (std::vector<uint32_t>{c.size, c.firstBlock, c.end, c.lastBlock, c.crossed, c.room, c.firstShare}));
     }
 }
 
 TEST(OtaArea, RefusesAreasTheHeaderDoesNotFitOrBeyond4GiB)
 {
-    struct Case {
+    const struct {
         uint32_t address, size;
         bool accepted;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {0x00050100, 2048, true},       {0x00050100, 2047, false}, {0x000FFC00, 100, false},
         {0xFFFF0000, 0xFFFF, true},     {0xFFFF0000, 0x10000, false}, {0xFFFFF000, 0x8000, false},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         std::string why;
         int result = CheckOtaLayout(ComputeOtaLayout(c.address, c.size), why);
         EXPECT_EQ(result == 0, c.accepted) << std::hex << c.address << " " << c.size;
@@ -109,68 +99,53 @@ TEST(OtaArea, RefusesAreasTheHeaderDoesNotFitOrBeyond4GiB)
     }
 }
 
-EtfSource Source(int64_t base, uint32_t firstNext, int64_t end)
-{
-    EtfSource s;
-    s.base = base;
-    s.firstNext = firstNext;
-    s.end = end;
-    return s;
-}
-
 TEST(EtfPlacement, BehindTheOtaArea)
 {
-    struct Case {
+    const struct {
         uint32_t sizeWord, otaAddress;
         EtfSource source;
         uint32_t start, firstBlock, firstChunk;
         int64_t offset;
         uint32_t blocks, tail;
-    };
-    const Case cases[] = {
+    } cases[] = {
         // A whole first block, then one full block and a tail.
-        {0x00800000, 0x001F8000, Source(0, 164, 164 + 2 * 65536 + 100), 0x00200000, 0x00200000, 65536, 164, 1, 100},
+        {0x00800000, 0x001F8000, EtfSource{0, 164, 164 + 2 * 65536 + 100}, 0x00200000, 0x00200000, 65536, 164, 1, 100},
         // The first block is shared with the end of the OTA area.
-        {0x00800000, 0x000FFC00, Source(0, 164, 164 + 33792 + 70000), 0x00107C00, 0x00100000, 33792, 164, 1, 4464},
+        {0x00800000, 0x000FFC00, EtfSource{0, 164, 164 + 33792 + 70000}, 0x00107C00, 0x00100000, 33792, 164, 1, 4464},
         // ETF data no longer than the first chunk: data1 only.
-        {0x00800000, 0x000FFC00, Source(0, 164, 164 + 33792), 0x00107C00, 0x00100000, 33792, 164, 0, 0},
+        {0x00800000, 0x000FFC00, EtfSource{0, 164, 164 + 33792}, 0x00107C00, 0x00100000, 33792, 164, 0, 0},
         // A remainder of whole blocks: no tail.
-        {0x00800000, 0x001F8000, Source(0, 64, 64 + 3 * 65536), 0x00200000, 0x00200000, 65536, 64, 2, 0},
+        {0x00800000, 0x001F8000, EtfSource{0, 64, 64 + 3 * 65536}, 0x00200000, 0x00200000, 65536, 64, 2, 0},
         // Size bits all ones: the area is 32,768 bytes, as the OTA phase sees it.
-        {0xFFFFFF00, 0x001F8000, Source(0, 64, 1000), 0x00200000, 0x00200000, 65536, 64, 0, 0},
+        {0xFFFFFF00, 0x001F8000, EtfSource{0, 64, 1000}, 0x00200000, 0x00200000, 65536, 64, 0, 0},
         // Inside a combined image the ETF part starts at the main image's length.
-        {0x00800000, 0x001F8000, Source(5000, 164, 5164 + 65536 + 10), 0x00200000, 0x00200000, 65536, 5164, 0, 10},
+        {0x00800000, 0x001F8000, EtfSource{5000, 164, 5164 + 65536 + 10}, 0x00200000, 0x00200000, 65536, 5164, 0, 10},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << std::hex << c.otaAddress << " end " << std::dec << c.source.end);
         EtfPlan plan;
         std::string why;
         ASSERT_EQ(PlanEtfImage(c.sizeWord, c.otaAddress, c.source, plan, why), 0) << why;
-        EXPECT_EQ(plan.start, c.start);
-        EXPECT_EQ(plan.firstBlock, c.firstBlock);
-        EXPECT_EQ(plan.firstChunk, c.firstChunk);
-        EXPECT_EQ(plan.sourceOffset, c.offset);
-        EXPECT_EQ(plan.fullBlocks, c.blocks);
-        EXPECT_EQ(plan.tail, c.tail);
+        EXPECT_EQ((std::vector<int64_t>{plan.start, plan.firstBlock, plan.firstChunk, plan.sourceOffset, plan.fullBlocks, plan.tail}),
+                  (std::vector<int64_t>{c.start, c.firstBlock, c.firstChunk, c.offset, c.blocks, c.tail}));
     }
 }
 
 TEST(EtfPlacement, RefusesImagesWithoutAPlaceOrWithoutData)
 {
-    struct Case {
+    const struct {
         const char* what;
         uint32_t otaAddress;
         EtfSource source;
+    } cases[] = {
+        {"no OTA area", 0xFFFFFFFF, EtfSource{0, 164, 100000}},
+        {"start wraps past 4 GiB", 0xFFFFC000, EtfSource{0, 164, 100000}},
+        {"data run past 4 GiB", 0xFFFE0000, EtfSource{0, 164, 164 + 65536 + 65537}},
+        {"single-section ETF image", 0x001F8000, EtfSource{0, 0xFFFFFFFF, 100000}},
+        {"offset at the end of the file", 0x001F8000, EtfSource{0, 164, 164}},
+        {"combined file without ETF part", 0x001F8000, EtfSource{5000, 164, 5000}},
     };
-    const Case cases[] = {
-        {"no OTA area", 0xFFFFFFFF, Source(0, 164, 100000)},
-        {"start wraps past 4 GiB", 0xFFFFC000, Source(0, 164, 100000)},
-        {"data run past 4 GiB", 0xFFFE0000, Source(0, 164, 164 + 65536 + 65537)},
-        {"single-section ETF image", 0x001F8000, Source(0, 0xFFFFFFFF, 100000)},
-        {"offset at the end of the file", 0x001F8000, Source(0, 164, 164)},
-        {"combined file without ETF part", 0x001F8000, Source(5000, 164, 5000)},
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         EtfPlan plan;
         std::string why;
         EXPECT_EQ(PlanEtfImage(0x00800000, c.otaAddress, c.source, plan, why), -1) << c.what;

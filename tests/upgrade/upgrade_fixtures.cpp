@@ -1,6 +1,9 @@
 #include "tests/upgrade/upgrade_fixtures.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
+#include <regex>
 #include <sstream>
 
 #include "tools/image_builder.h"
@@ -35,28 +38,12 @@ Bytes MakeImage(uint32_t version, const std::vector<size_t>& dataSizes, uint32_t
     return BuildImage(spec);
 }
 
-uint32_t SecondSectionOffset(const std::vector<size_t>& dataSizes)
-{
-    return static_cast<uint32_t>(64 + dataSizes[0]);
-}
-
-Bytes OtaHeaderFor(uint32_t areaSize)
-{
-    GenerateOtaBuf(areaSize);
-    return Bytes(OtaBuf, OtaBuf + kOtaHeaderSize);
-}
-
 UpgradeBench::UpgradeBench() : m_initialFlash(PatternBytes(kFlashSize, 99))
 {
     WriteFile("flash.bin", m_initialFlash);
     // Without a settings file the tool would take the flash debug read.
     const std::string settings = "[debug]\niDebugOp=n\n";
     WriteFile("settings_mac.ini", Bytes(settings.begin(), settings.end()));
-}
-
-void UpgradeBench::WriteFile(const std::string& name, const Bytes& bytes) const
-{
-    WriteFileBytes(Path(name), bytes);
 }
 
 ProcessResult UpgradeBench::Run(const std::vector<std::string>& toolArgs,
@@ -80,17 +67,6 @@ ProcessResult UpgradeBench::Run(const std::vector<std::string>& toolArgs,
     return result;
 }
 
-Bytes UpgradeBench::Flash() const
-{
-    return ReadFileBytes(Path("flash.bin"));
-}
-
-std::string UpgradeBench::Trace() const
-{
-    Bytes bytes = ReadFileBytes(Path("trace.txt"));
-    return std::string(bytes.begin(), bytes.end());
-}
-
 void ModelBlockWrite(Bytes& flash, uint32_t address, const Bytes& bytes)
 {
     if (bytes.empty())
@@ -104,35 +80,22 @@ void ModelBlockWrite(Bytes& flash, uint32_t address, const Bytes& bytes)
 void ModelOtaArea(Bytes& flash, uint32_t address, uint32_t size)
 {
     std::fill(flash.begin() + address, flash.begin() + address + size, 0xFF);
-    Bytes header = OtaHeaderFor(size);
-    std::copy(header.begin(), header.end(), flash.begin() + address);
+    GenerateOtaBuf(size);
+    std::copy(OtaBuf, OtaBuf + kOtaHeaderSize, flash.begin() + address);
 }
 
 void ModelEtfWrite(Bytes& flash, uint32_t etfStart, const Bytes& etfData)
 {
-    const uint32_t firstChunk = kBlock - etfStart % kBlock;
-    if (etfData.size() <= firstChunk) {
-        std::copy(etfData.begin(), etfData.end(), flash.begin() + etfStart);
-        return;
-    }
+    const size_t firstChunk = std::min<size_t>(kBlock - etfStart % kBlock, etfData.size());
     std::copy(etfData.begin(), etfData.begin() + firstChunk, flash.begin() + etfStart);
     ModelBlockWrite(flash, etfStart + firstChunk, Bytes(etfData.begin() + firstChunk, etfData.end()));
-}
-
-std::vector<std::string> OutputLines(const std::string& out)
-{
-    std::vector<std::string> lines;
-    std::istringstream in(out);
-    std::string line;
-    while (std::getline(in, line))
-        lines.push_back(line);
-    return lines;
 }
 
 std::vector<int> ProgressPercents(const std::string& out)
 {
     std::vector<int> percents;
-    for (const std::string& line : OutputLines(out)) {
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);) {
         int percent = 0, used = 0;
         if (std::sscanf(line.c_str(), "%d%%: %n", &percent, &used) == 1 && used > 0)
             percents.push_back(percent);
@@ -150,31 +113,17 @@ size_t CountOccurrences(const std::string& text, const std::string& what)
 
 size_t CountFramesReceived(const std::string& trace, uint8_t opcode, const std::string& baud)
 {
-    char opcodeHex[3];
-    std::snprintf(opcodeHex, sizeof opcodeHex, "%02X", opcode);
-    size_t count = 0;
-    for (const std::string& line : OutputLines(trace)) {
-        std::istringstream in(line);
-        std::string kind, lineBaud;
-        in >> kind >> lineBaud;
-        if (kind != "rx" || (!baud.empty() && lineBaud != baud))
-            continue;
-        std::vector<std::string> bytes;
-        for (std::string b; in >> b;)
-            bytes.push_back(b);
-        if (bytes.size() > 12 && bytes[0] == "42" && bytes[1] == "52" && bytes[2] == "4F" &&
-            bytes[3] == "4D" && bytes[12] == opcodeHex)
-            ++count;
-    }
-    return count;
+    // "rx <baud> 42 52 4F 4D" and eight more header bytes, then the opcode.
+    char pattern[64];
+    std::snprintf(pattern, sizeof pattern, "^rx %s 42 52 4F 4D( [0-9A-F]{2}){8} %02X",
+                  baud.empty() ? "[0-9]+" : baud.c_str(), opcode);
+    const std::regex frame(pattern, std::regex::multiline);
+    return static_cast<size_t>(std::distance(std::sregex_iterator(trace.begin(), trace.end(), frame),
+                                             std::sregex_iterator()));
 }
 
 long FirstDifference(const Bytes& a, const Bytes& b)
 {
-    if (a.size() != b.size())
-        return static_cast<long>(std::min(a.size(), b.size()));
-    for (size_t i = 0; i < a.size(); ++i)
-        if (a[i] != b[i])
-            return static_cast<long>(i);
-    return -1;
+    auto at = std::mismatch(a.begin(), a.end(), b.begin(), b.end());
+    return at.first == a.end() && at.second == b.end() ? -1 : static_cast<long>(at.first - a.begin());
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tests/support/process.h"
+#include "tools/image_builder.h"
 
 using Bytes = std::vector<uint8_t>;
 
@@ -22,19 +23,13 @@ Bytes PatternBytes(size_t count, uint32_t seed);
 Bytes MakeImage(uint32_t version, const std::vector<size_t>& dataSizes, uint32_t seed,
                 uint32_t otaSizeBits = 0xFFFFFF, uint32_t otaAddress = 0xFFFFFFFF);
 
-// Where the second section's header starts in an image made by MakeImage.
-uint32_t SecondSectionOffset(const std::vector<size_t>& dataSizes);
-
-// The 2,048-byte OTA header written for an area of this size.
-Bytes OtaHeaderFor(uint32_t areaSize);
-
 // One folder with a settings file that selects the upgrade, a flash file with old
 // content, and the files the tool is pointed at.
 class UpgradeBench {
 public:
     UpgradeBench();
     std::string Path(const std::string& name) const { return m_dir.File(name); }
-    void WriteFile(const std::string& name, const Bytes& bytes) const;
+    void WriteFile(const std::string& name, const Bytes& bytes) const { WriteFileBytes(Path(name), bytes); }
 
     // Starts a simulator on the flash file (with a trace file and the extra
     // arguments), runs the tool with "-c <device>" and `toolArgs` in the folder,
@@ -45,8 +40,12 @@ public:
                       const std::string& stdinText = "", bool keepConsoleOpen = false);
 
     const Bytes& InitialFlash() const { return m_initialFlash; }
-    Bytes Flash() const;
-    std::string Trace() const;
+    Bytes Flash() const { return ReadFileBytes(Path("flash.bin")); }
+    std::string Trace() const
+    {
+        Bytes bytes = ReadFileBytes(Path("trace.txt"));
+        return std::string(bytes.begin(), bytes.end());
+    }
 
 private:
     TempDir m_dir;
@@ -64,7 +63,6 @@ void ModelOtaArea(Bytes& flash, uint32_t address, uint32_t size);
 void ModelEtfWrite(Bytes& flash, uint32_t etfStart, const Bytes& etfData);
 
 // Output helpers.
-std::vector<std::string> OutputLines(const std::string& out);
 // The percentages of the progress lines ("%d%: ..."), in order.
 std::vector<int> ProgressPercents(const std::string& out);
 size_t CountOccurrences(const std::string& text, const std::string& what);

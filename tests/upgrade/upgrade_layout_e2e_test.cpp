@@ -14,9 +14,16 @@ struct OtaCase {
     bool remainder;      // data4: the header does not fit in the first block
 };
 
-void PrintTo(const OtaCase& c, std::ostream* os)
+// The flash after a run: the main image from 0, the OTA area, then the ETF data.
+Bytes Expected(const Bytes& initial, const Bytes& image, uint32_t otaAddress, uint32_t otaSize,
+               const Bytes& etfData = {})
 {
-    *os << c.name;
+    Bytes flash = initial;
+    ModelBlockWrite(flash, 0, image);
+    ModelOtaArea(flash, otaAddress, otaSize);
+    if (!etfData.empty())
+        ModelEtfWrite(flash, otaAddress + otaSize, etfData);
+    return flash;
 }
 
 class OtaAreaRun : public testing::TestWithParam<OtaCase> {};
@@ -30,14 +37,10 @@ TEST_P(OtaAreaRun, LeavesHeaderAndErasedAreaAndNothingElseChanged)
     ProcessResult run = bench.Run({"-i", "main.img", "-u", "0", "-r", "1"});
     ASSERT_EQ(run.exitStatus, 0) << run.out;
     EXPECT_NE(run.out.find("95%: Writing OTA data1...\n"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("100%: Upgrade OK!\n"), std::string::npos);
     EXPECT_EQ(CountOccurrences(run.out, "96%: Erasing OTA data2...\n"), c.innerErases);
     EXPECT_EQ(run.out.find("99%: Writing OTA data4...\n") != std::string::npos, c.remainder);
-    EXPECT_NE(run.out.find("100%: Upgrade OK!\n"), std::string::npos);
-
-    Bytes expected = bench.InitialFlash();
-    ModelBlockWrite(expected, 0, image);
-    ModelOtaArea(expected, c.address, c.size);
-    EXPECT_EQ(FirstDifference(bench.Flash(), expected), -1);
+    EXPECT_EQ(FirstDifference(bench.Flash(), Expected(bench.InitialFlash(), image, c.address, c.size)), -1);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -48,34 +51,32 @@ INSTANTIATE_TEST_SUITE_P(
                     OtaCase{"SpansFourBlocks", 0x00100000, 0x30000, 2, false}),
     [](const testing::TestParamInfo<OtaCase>& info) { return std::string(info.param.name); });
 
+// Each of these lines must appear in the output.
+void ExpectLines(const std::string& out, std::initializer_list<const char*> lines)
+{
+    for (const char* line : lines)
+        EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
+}
+
 TEST(EtfImageRun, LandsBehindTheOtaAreaWithoutItsFirstSection)
 {
     UpgradeBench bench;
     const uint32_t otaAddress = 0x000FFC00, otaSize = 32768;
     const Bytes image = MakeImage(2, {3000, 500}, 30, otaSize, otaAddress);
-    const std::vector<size_t> etfSections = {1000, 60000, 50000};
-    const Bytes etf = MakeImage(1, etfSections, 31);
+    const Bytes etf = MakeImage(1, {1000, 60000, 50000}, 31);
     bench.WriteFile("main.img", image);
     bench.WriteFile("etf.img", etf);
 
     ProcessResult run = bench.Run({"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "0", "-r", "1"});
     ASSERT_EQ(run.exitStatus, 0) << run.out;
-    EXPECT_NE(run.out.find("             ETF firmware information            \n"), std::string::npos);
-    EXPECT_NE(run.out.find("\n\nStart the ETF image programing...\n4%: Read ETF old data1...\n"),
-              std::string::npos)
-        << run.out;
-    EXPECT_NE(run.out.find("100%: Upgrade OK!\n"), std::string::npos);
-
     // F = 0x00107C00: 33,792 bytes fill the first block, then one full block and a tail.
-    const Bytes etfData(etf.begin() + SecondSectionOffset(etfSections), etf.end());
+    ExpectLines(run.out, {"             ETF firmware information            \n",
+                          "\n\nStart the ETF image programing...\n4%: Read ETF old data1...\n",
+                          "10%: Erasing the 1 block,total 1 block(s)...\n",
+                          "91%: Erasing rest ETF data of 64k...\n", "100%: Upgrade OK!\n"});
+    const Bytes etfData(etf.begin() + 64 + 1000, etf.end());   // behind the first section
     ASSERT_EQ(etfData.size() - 33792, 65536u + 10800u);
-    EXPECT_NE(run.out.find("10%: Erasing the 1 block,total 1 block(s)...\n"), std::string::npos);
-    EXPECT_NE(run.out.find("91%: Erasing rest ETF data of 64k...\n"), std::string::npos);
-    Bytes expected = bench.InitialFlash();
-    ModelBlockWrite(expected, 0, image);
-    ModelOtaArea(expected, otaAddress, otaSize);
-    ModelEtfWrite(expected, otaAddress + otaSize, etfData);
-    EXPECT_EQ(FirstDifference(bench.Flash(), expected), -1);
+    EXPECT_EQ(FirstDifference(bench.Flash(), Expected(bench.InitialFlash(), image, otaAddress, otaSize, etfData)), -1);
 }
 
 TEST(EtfImageRun, CombinedImageWritesBothParts)
@@ -84,27 +85,18 @@ TEST(EtfImageRun, CombinedImageWritesBothParts)
     const uint32_t otaAddress = 0x001F8000, otaSize = 32768;
     // The ETF image's first section has the extent of the main image's first section:
     // that is how the ETF data are found inside the combined file.
-    const std::vector<size_t> mainSections = {1500, 70000};
-    const std::vector<size_t> etfSections = {1500, 3000};
-    const Bytes image = MakeImage(2, mainSections, 40, otaSize, otaAddress);
-    const Bytes etf = MakeImage(1, etfSections, 41);
+    const Bytes image = MakeImage(2, {1500, 70000}, 40, otaSize, otaAddress);
+    const Bytes etf = MakeImage(1, {1500, 3000}, 41);
     Bytes combined = image;
     combined.insert(combined.end(), etf.begin(), etf.end());
     bench.WriteFile("both.cimg", combined);
 
     ProcessResult run = bench.Run({"-i", "both.cimg", "-u", "0"});
     ASSERT_EQ(run.exitStatus, 0) << run.out;
-    EXPECT_NE(run.out.find("\nCombined image!!\n"), std::string::npos) << run.out;
+    ExpectLines(run.out, {"\nCombined image!!\n", "Start the ETF image programing...", "100%: Upgrade OK!\n"});
     EXPECT_EQ(run.out.find("ETF firmware information"), std::string::npos);
-    EXPECT_NE(run.out.find("Start the ETF image programing..."), std::string::npos);
-    EXPECT_NE(run.out.find("100%: Upgrade OK!\n"), std::string::npos);
-
-    Bytes expected = bench.InitialFlash();
-    ModelBlockWrite(expected, 0, image);
-    ModelOtaArea(expected, otaAddress, otaSize);
-    ModelEtfWrite(expected, otaAddress + otaSize,
-                  Bytes(etf.begin() + SecondSectionOffset(etfSections), etf.end()));
-    EXPECT_EQ(FirstDifference(bench.Flash(), expected), -1) << run.out;
+    const Bytes etfData(etf.begin() + 64 + 1500, etf.end());
+    EXPECT_EQ(FirstDifference(bench.Flash(), Expected(bench.InitialFlash(), image, otaAddress, otaSize, etfData)), -1);
 }
 
 }  // namespace
