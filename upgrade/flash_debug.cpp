@@ -43,6 +43,24 @@ bool FileCoversLength(FILE* file, unsigned int length, const char* path)
     return false;
 }
 
+// Walks a range as its full 64 KiB blocks and then its tail, calling
+// step(flash address, byte count) for each piece that holds bytes. Returns 0, or
+// the first non-zero result of a step, which ends the walk.
+template <typename Step>
+int ForEachBlock(unsigned int address, unsigned int length, Step step)
+{
+    const unsigned int blocks = length / kBlockSize;
+    const unsigned int tail = length % kBlockSize;
+    for (unsigned int i = 0; i <= blocks; ++i) {
+        const unsigned int size = i < blocks ? kBlockSize : tail;
+        if (size == 0)
+            break;
+        if (int result = step(address + i * kBlockSize, size))
+            return result;
+    }
+    return 0;
+}
+
 int ReadRange(unsigned int address, unsigned int length)
 {
     char name[64];
@@ -53,25 +71,23 @@ int ReadRange(unsigned int address, unsigned int length)
         return CloseAndReturn(-1);
     }
     BlockBuffer buffer = NewBlockBuffer();
-    const unsigned int blocks = length / kBlockSize;
-    const unsigned int tail = length % kBlockSize;
-    for (unsigned int i = 0; i <= blocks; ++i) {
-        unsigned int size = i < blocks ? kBlockSize : tail;
-        if (size == 0)
-            break;
-        if (g_flashHost.ReadFlashLength(address + i * kBlockSize, buffer.get(), size) != 0) {
+    int result = ForEachBlock(address, length, [&](unsigned int at, unsigned int size) {
+        if (g_flashHost.ReadFlashLength(at, buffer.get(), size) != 0) {
             file.reset();  // the partial file stays
             printf("Read failed: %s\n", g_flashHost.m_strMsg.c_str());
-            return CloseAndReturn(-1);
+            return -1;
         }
         // A file that cannot take the bytes (disk full) fails the read too:
         // reporting success with a short file would lose data silently.
         if (fwrite(buffer.get(), 1, size, file.get()) != size) {
             file.reset();
             printf("Failed to write file: %s\n", name);
-            return CloseAndReturn(-1);
+            return -1;
         }
-    }
+        return 0;
+    });
+    if (result != 0)
+        return CloseAndReturn(-1);
     if (fclose(file.release()) != 0) {
         printf("Failed to write file: %s\n", name);
         return CloseAndReturn(-1);
@@ -94,25 +110,23 @@ int WriteRange(unsigned int address, unsigned int length, const char* path)
         return CloseAndReturn(-1);
 
     BlockBuffer buffer = NewBlockBuffer();
-    const unsigned int blocks = length / kBlockSize;
-    const unsigned int tail = length % kBlockSize;
-    for (unsigned int i = 0; i <= blocks; ++i) {
-        unsigned int size = i < blocks ? kBlockSize : tail;
-        if (size == 0)
-            break;
+    int result = ForEachBlock(address, length, [&](unsigned int at, unsigned int size) {
         // Sectors go whole: the bytes after a tail that ends inside a sector are
         // the erased value, so the flash past the tail stays as it was.
         memset(buffer.get(), kErasedByte, kBlockSize);
         if (fread(buffer.get(), 1, size, file.get()) != size) {
             printf("Failed to read file: %s\n", path);
-            return CloseAndReturn(-1);
+            return -1;
         }
-        if (g_flashHost.WriteFlashLength(address + i * kBlockSize, buffer.get(), size) != 0) {
+        if (g_flashHost.WriteFlashLength(at, buffer.get(), size) != 0) {
             file.reset();
             printf("Write failed: %s\n", g_flashHost.m_strMsg.c_str());
-            return CloseAndReturn(-1);
+            return -1;
         }
-    }
+        return 0;
+    });
+    if (result != 0)
+        return CloseAndReturn(-1);
     file.reset();
     printf("Write addr:0x%08X len:0x%08X OK!\n", address, length);
     return CloseAndReturn(0);
