@@ -86,6 +86,12 @@ bool NorFlash::Contains(uint32_t address, uint32_t count) const
     return address <= m_cells.size() && count <= m_cells.size() - address;
 }
 
+bool NorFlash::ContainsSectors(uint32_t sector, uint32_t count) const
+{
+    uint64_t end = (static_cast<uint64_t>(sector) + count) * kSectorSize;
+    return end <= m_cells.size();
+}
+
 bool NorFlash::EraseBlock(uint32_t address)
 {
     uint32_t block = address / kBlockSize;

@@ -24,6 +24,9 @@ public:
 
     uint32_t Size() const { return static_cast<uint32_t>(m_cells.size()); }
     bool Contains(uint32_t address, uint32_t count) const;
+    // True when `count` whole sectors from sector number `sector` lie inside the
+    // flash; checked in 64 bits so that huge sector numbers cannot wrap around.
+    bool ContainsSectors(uint32_t sector, uint32_t count) const;
 
     // Erases the block holding `address`. False when the file could not be updated.
     bool EraseBlock(uint32_t address);

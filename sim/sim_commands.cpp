@@ -205,8 +205,7 @@ Reply SimTarget::ReadSector(const uint8_t* body, bool flipBit)
 {
     uint32_t sector = Param32(body, 1);
     uint32_t count = Param32(body, 5);
-    if (count > kMaxReadSectors || sector > m_flash.Size() / NorFlash::kSectorSize ||
-        !m_flash.Contains(sector * NorFlash::kSectorSize, count * NorFlash::kSectorSize))
+    if (count > kMaxReadSectors || !m_flash.ContainsSectors(sector, count))
         return Error(kErrInvalid);
     std::vector<uint8_t> data(count * NorFlash::kSectorSize);
     m_flash.Read(sector * NorFlash::kSectorSize, data.data(), data.size());
@@ -221,8 +220,7 @@ Reply SimTarget::StartWriteSector(const uint8_t* body, int64_t nowUs)
     uint32_t count = Param32(body, 5);
     if (count > kMaxWriteSectors)
         return Error(kErrNoMemory);
-    if (sector > m_flash.Size() / NorFlash::kSectorSize ||
-        !m_flash.Contains(sector * NorFlash::kSectorSize, count * NorFlash::kSectorSize))
+    if (!m_flash.ContainsSectors(sector, count))
         return Error(kErrInvalid);
     m_data = DataPhase{kOpWriteSector, sector * NorFlash::kSectorSize, count * NorFlash::kSectorSize,
                        LoadBe16(body + 9), nullptr};
