@@ -22,6 +22,12 @@ struct Setting {
     uint32_t iAddress;
     uint32_t iLength;
     char strWriteBinFile[kSettingTextSize];
+
+    // Beyond the classic keys: all default off, so a run without them is unchanged.
+    uint8_t bFastLink;           // [setting] bFastLink / --fast: the fast transport
+    uint8_t bExitCode;           // [setting] bExitCode / --exit-code: outcome exit codes
+    uint8_t bJson;               // --json: JSON lines on stdout, human text on stderr
+    uint32_t iSectorsPerCommand; // [setting] iSectorsPerCommand (1-15), fast link only; 0 = 4
 };
 
 extern Setting g_Setting;
