@@ -20,6 +20,11 @@ enum {
 extern const unsigned char tq_BRom[];
 extern const unsigned int tq_BRom_size;
 
+// Asks a running upgrade to stop between two steps. Safe from any thread at any
+// time, also while the program's globals are being destroyed; the flash host's
+// SetStopUpdate and GetUpdateStatus use the same flag.
+void RequestUpgradeStop();
+
 // Creates every folder on the path; 1 on success, 0 when a folder cannot be made.
 int CreateMultiDirectory(std::string path);
 
@@ -121,6 +126,7 @@ private:
 
     // Bring-up steps (connection.cpp).
     int CloseWith(const char* text);
+    int ChangeUartBaudOrClose();
     int StartBootLoader();
 
     // Length operations (flash_commands.cpp).
@@ -142,7 +148,6 @@ private:
     int m_iIndex = 0;
     int m_iICType = 0;
     int m_iUpdateChangeOnly = 0;
-    std::atomic<int> m_iUpdateStatus{0};
     int m_iUseBrom = 0;
     int m_iResponderCode = 0;
     unsigned char m_flashId[kFlashIdSize] = {};

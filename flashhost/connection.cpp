@@ -6,6 +6,8 @@
 
 #include "flashhost/CFlashHost.h"
 #include "flashhost/protocol.h"
+#include "common/link_timing.h"
+#include "common/run_report.h"
 
 using namespace protocol;
 
@@ -16,9 +18,9 @@ const unsigned int kUploadRateCap = 921600;   // the image goes over at no more 
 const unsigned int kBootLoaderAddress = 0x00010000;
 const unsigned int kBootLoaderEntry = 0x00010101;  // reset vector, Thumb bit set
 const unsigned int kChangeBaudMode = 0x03000000;   // top byte of the ChangeBaud word
-const unsigned int kSyncAttempts = 5;
+const unsigned int kSyncAttempts = link_timing::kSyncAttempts;
 const unsigned char kSyncByte = 0x55;
-const unsigned int kUpgradeTextPauseUs = 50000;
+const unsigned int kUpgradeTextPauseUs = link_timing::kUpgradeTextPauseUs;
 
 // Firmware running on the target makes way for an upgrade on this text, NUL included.
 const unsigned char kUpgradeText[] = {'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0};
@@ -98,6 +100,16 @@ int CFlashHost::LoadBRom()
     return SetPC(kBootLoaderEntry);
 }
 
+// Every failed speed change ends the connection: the target and the port may now
+// disagree on the speed, so nothing more can be said over this line.
+int CFlashHost::ChangeUartBaudOrClose()
+{
+    if (ChangeUartBaud() == 0)
+        return 0;
+    Close();
+    return -1;
+}
+
 int CFlashHost::CloseWith(const char* text)
 {
     m_strMsg = text;
@@ -111,28 +123,21 @@ int CFlashHost::StartBootLoader()
 {
     unsigned int configured = m_iBaud;
     m_iBaud = std::min(m_iBaud, kUploadRateCap);
-    if (ChangeUartBaud() != 0) {
-        Close();
+    if (ChangeUartBaudOrClose() != 0)
         return -1;
-    }
     if (LoadBRom() != 0)
         return CloseWith(kTextLoadBromError);
     WriteLogBuf("Load Brom OK!", nullptr, 0);
 
     if (m_comm.ChangeUartBaud(kBootRate) != 0) {
-        m_strMsg = kTextChangeUartError;
-        WriteLogBuf(m_strMsg, nullptr, 0);
-        return -1;
+        WriteLogBuf(kTextChangeUartError, nullptr, 0);
+        return CloseWith(kTextChangeUartError);
     }
     if (Synchron() != 0)
         return CloseWith(kTextSyncError);
 
     m_iBaud = configured;
-    if (ChangeUartBaud() != 0) {
-        Close();
-        return -1;
-    }
-    return 0;
+    return ChangeUartBaudOrClose();
 }
 
 int CFlashHost::OpenUart()
@@ -143,6 +148,7 @@ int CFlashHost::OpenUart()
     std::string device = m_strComNum;
     if (m_comm.Uart_Init(&device[0], kBootRate) != 0) {
         m_comm.UART_Close();  // forget the failed descriptor
+        run_report::NoteFailure(run_report::Outcome::kPortOpen);
         m_strMsg = kTextOpenError;
         WriteLogBuf(m_strMsg, nullptr, 0);
         return -1;
@@ -157,13 +163,8 @@ int CFlashHost::OpenUart()
 
     // A responder above 1 serves the flash itself; so does any target when the
     // boot-loader upload is forbidden.
-    if (m_iUseBrom == 0 || m_iResponderCode > 1) {
-        if (ChangeUartBaud() != 0) {
-            Close();
-            return -1;
-        }
-        return 0;
-    }
+    if (m_iUseBrom == 0 || m_iResponderCode > 1)
+        return ChangeUartBaudOrClose();
     return StartBootLoader();
 }
 

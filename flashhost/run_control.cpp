@@ -1,5 +1,7 @@
 // The settings the front end hands the flash host, and the stop request shared by
 // the console thread and the upgrade thread.
+#include <atomic>
+
 #include "flashhost/CFlashHost.h"
 
 CFlashHost::CFlashHost() : m_cmdBuf() {}
@@ -71,17 +73,33 @@ int CFlashHost::GetIndex()
     return m_iIndex;
 }
 
+namespace {
+
+// The stop request lives outside the flash host object. The console thread sets it
+// and is never joined: it may still read its last line while main returns and the
+// globals are destroyed. An atomic int with static storage is initialised before
+// any code runs and has no destructor, so setting it is safe at any moment, which
+// a member of g_flashHost would not be.
+std::atomic<int> s_stopRequest{0};
+
+}  // namespace
+
+void RequestUpgradeStop()
+{
+    s_stopRequest.store(1);
+}
+
 void CFlashHost::SetStartUpdate()
 {
-    m_iUpdateStatus.store(0);
+    s_stopRequest.store(0);
 }
 
 void CFlashHost::SetStopUpdate()
 {
-    m_iUpdateStatus.store(1);
+    RequestUpgradeStop();
 }
 
 int CFlashHost::GetUpdateStatus()
 {
-    return m_iUpdateStatus.load();
+    return s_stopRequest.load();
 }

@@ -4,24 +4,48 @@
 
 #include <cstdio>
 #include <memory>
+#include <sys/stat.h>
 
 #include "frontend/Setting.h"
+#include "common/run_report.h"
 #include "common/stdio_file.h"
 
 namespace {
 
 enum { kCopyChunkSize = 4096 };
 
-// Appends the whole of from to to. A short read ends the copy as the end of the
-// file does.
-void CopyFile(std::FILE* from, std::FILE* to, unsigned char* chunk)
+enum CopyResult { kCopied, kReadFailed, kWriteFailed };
+
+// Appends the whole of from to to, checking every read and every write.
+CopyResult CopyFile(std::FILE* from, std::FILE* to, unsigned char* chunk)
 {
     size_t got;
     do {
         got = std::fread(chunk, 1, kCopyChunkSize, from);
-        if (got > 0)
-            std::fwrite(chunk, 1, got, to);
+        if (got > 0 && std::fwrite(chunk, 1, got, to) != got)
+            return kWriteFailed;
     } while (got == kCopyChunkSize);
+    return std::ferror(from) ? kReadFailed : kCopied;
+}
+
+bool IsRegularFile(std::FILE* file)
+{
+    struct stat info;
+    return fstat(fileno(file), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+// A failed combine leaves no partial image behind. The output was opened for
+// writing (and so emptied) by this run, so removing it loses nothing; but only a
+// regular file is removed, never a device, pipe or other special file the path
+// may name.
+int FailAndRemove(UniqueFile& combined, bool removable, const char* what, const char* path)
+{
+    combined.reset();
+    if (removable)
+        std::remove(g_Setting.strCombineImagePath);
+    std::printf("Failed to %s: %s\n", what, path);
+    run_report::NoteFailure(run_report::Outcome::kImage);
+    return -1;
 }
 
 }  // namespace
@@ -31,22 +55,38 @@ int CombineImage()
     UniqueFile image = OpenFile(g_Setting.strImagePath, "r");
     if (!image) {
         std::printf("Failed to open image file: %s\n", g_Setting.strImagePath);
+        run_report::NoteFailure(run_report::Outcome::kImage);
         return -1;
     }
     UniqueFile etfImage = OpenFile(g_Setting.strEtfImagePath, "r");
     if (!etfImage) {
         std::printf("Failed to open ETF image file: %s\n", g_Setting.strEtfImagePath);
+        run_report::NoteFailure(run_report::Outcome::kImage);
         return -1;
     }
     UniqueFile combined = OpenFile(g_Setting.strCombineImagePath, "w+");
     if (!combined) {
         std::printf("Failed to create combine image file: %s\n", g_Setting.strCombineImagePath);
+        run_report::NoteFailure(run_report::Outcome::kImage);
         return -1;
     }
+    const bool removable = IsRegularFile(combined.get());
+    const char* const writeFailed = "write combine image file";
     std::unique_ptr<unsigned char[]> chunk(new unsigned char[kCopyChunkSize]);
-    CopyFile(image.get(), combined.get(), chunk.get());
-    CopyFile(etfImage.get(), combined.get(), chunk.get());
-    combined.reset();
+    const struct {
+        std::FILE* from;
+        const char* path;
+    } parts[] = {{image.get(), g_Setting.strImagePath}, {etfImage.get(), g_Setting.strEtfImagePath}};
+    for (const auto& part : parts) {
+        CopyResult result = CopyFile(part.from, combined.get(), chunk.get());
+        if (result == kReadFailed)
+            return FailAndRemove(combined, removable, "read image file", part.path);
+        if (result == kWriteFailed)
+            return FailAndRemove(combined, removable, writeFailed, g_Setting.strCombineImagePath);
+    }
+    // Buffered bytes reach the disk only at the close: a full disk shows there.
+    if (std::fclose(combined.release()) != 0)
+        return FailAndRemove(combined, removable, writeFailed, g_Setting.strCombineImagePath);
     std::printf("Create combine image file: %s SUCCESS!\n", g_Setting.strCombineImagePath);
     return 0;
 }

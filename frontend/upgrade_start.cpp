@@ -50,7 +50,8 @@ void* InputThread(void*)
             return nullptr;
         usleep(kEchoPauseUs);
     }
-    g_flashHost.SetStopUpdate();
+    // Never g_flashHost itself: this thread may outlive it (see RequestUpgradeStop).
+    RequestUpgradeStop();
     return nullptr;
 }
 

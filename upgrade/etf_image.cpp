@@ -1,9 +1,14 @@
 #include "upgrade/etf_image.h"
 
 #include <cinttypes>
+#include <cstring>
+#include <vector>
+
+#include "common/run_report.h"
 
 #include "flashhost/CFlashHost.h"
 #include "image/image_format.h"
+#include "upgrade/file_region.h"
 #include "upgrade/ota_area.h"
 
 namespace {
@@ -11,21 +16,21 @@ namespace {
 constexpr uint64_t kAddressSpace = 0x100000000ull;
 
 const StepText kEtfFirstBlockTexts[kCycleSteps] = {
-    {"%d%%: Read ETF old data1...\n", "Read ETF old data1 error!"},
-    {"%d%%: Checking ETF data1...\n", "Check ETF data1 error!"},
-    {"%d%%: Erasing ETF data1...\n", "Erase ETF data1 error!"},
-    {"%d%%: Writing ETF data1...\n", "Write ETF data1 error!"},
-    {"%d%%: Reading ETF data1...\n", "Read ETF data1 error!"},
-    {"%d%%: Verifying ETF data1...\n", "Verify ETF data1 error!"},
+    {"Read ETF old data1...", "Read ETF old data1 error!"},
+    {"Checking ETF data1...", "Check ETF data1 error!"},
+    {"Erasing ETF data1...", "Erase ETF data1 error!"},
+    {"Writing ETF data1...", "Write ETF data1 error!"},
+    {"Reading ETF data1...", "Read ETF data1 error!"},
+    {"Verifying ETF data1...", "Verify ETF data1 error!"},
 };
 
 const StepText kEtfTailTexts[kCycleSteps] = {
     {"", ""},
-    {"%d%%: Checking rest ETF data of 64k...\n", "Check rest ETF data of 64k error!"},
-    {"%d%%: Erasing rest ETF data of 64k...\n", "Erase rest ETF data of 64k error!"},
-    {"%d%%: Writing rest ETF data of 64k...\n", "Write rest ETF data of 64k error!"},
-    {"%d%%: Reading rest ETF data of 64k...\n", "Read rest ETF data of 64k error!"},
-    {"%d%%: Verifying rest ETF data of 64k...\n", "Verify rest ETF data of 64k error!"},
+    {"Checking rest ETF data of 64k...", "Check rest ETF data of 64k error!"},
+    {"Erasing rest ETF data of 64k...", "Erase rest ETF data of 64k error!"},
+    {"Writing rest ETF data of 64k...", "Write rest ETF data of 64k error!"},
+    {"Reading rest ETF data of 64k...", "Read rest ETF data of 64k error!"},
+    {"Verifying rest ETF data of 64k...", "Verify rest ETF data of 64k error!"},
 };
 
 int Refuse(std::string& why, const char* text)
@@ -35,27 +40,46 @@ int Refuse(std::string& why, const char* text)
 }
 
 // Data1: the block that holds F keeps its content before F (the end of the OTA area
-// may lie there) and receives up to K ETF bytes from F on. Every attempt re-reads
-// both, so the file position after it is where the full blocks continue.
-WriteCycle FirstBlockCycle(unsigned char* data, FILE* source, const EtfPlan& plan)
+// may lie there) and receives up to K ETF bytes from F on. The file bytes are read
+// once, before the first attempt; every attempt re-reads the block's old content
+// from flash and lays them over it.
+WriteCycle FirstBlockCycle(unsigned char* data, const std::vector<unsigned char>& chunk,
+                           const EtfPlan& plan)
 {
     WriteCycle cycle;
     cycle.address = plan.firstBlock;
     cycle.length = kUpgradeBlockSize;
     cycle.texts = kEtfFirstBlockTexts;
+    cycle.region = "etf";
+    cycle.regionTotal = plan.firstChunk + static_cast<uint64_t>(plan.fullBlocks) * kUpgradeBlockSize + plan.tail;
     for (int step = kStepPrepare; step < kCycleSteps; ++step)
         cycle.percent[step] = 4 + step;
-    cycle.prepare = [data, source, plan]() {
+    cycle.prepare = [data, &chunk, plan]() {
         if (g_flashHost.ReadFlashLength(plan.firstBlock, data, kUpgradeBlockSize) != 0)
             return -1;
-        if (!SeekTo(source, plan.sourceOffset))
-            return -1;
         // Bytes the file does not supply keep the block's old content.
-        size_t got = std::fread(data + (plan.start - plan.firstBlock), 1, plan.firstChunk, source);
-        (void)got;
+        std::memcpy(data + (plan.start - plan.firstBlock), chunk.data(), chunk.size());
         return 0;
     };
     return cycle;
+}
+
+// The ETF bytes of the first block: K, or fewer when the file ends before the block
+// does. A file that cannot supply what its length promised aborts the run.
+int ReadFirstChunk(FILE* source, const std::string& path, const EtfPlan& plan,
+                   std::vector<unsigned char>& chunk)
+{
+    const int64_t available = plan.sourceEnd - plan.sourceOffset;
+    const uint32_t count = available < plan.firstChunk ? static_cast<uint32_t>(available)
+                                                       : plan.firstChunk;
+    chunk.assign(count, 0xFF);
+    if (!SeekTo(source, plan.sourceOffset)) {
+        std::printf("Failed to read image file: %s\n", path.c_str());
+        std::fflush(stdout);
+        run_report::NoteFailure(run_report::Outcome::kImage);
+        return -1;
+    }
+    return ReadImageBytes(source, chunk.data(), count, path);
 }
 
 }  // namespace
@@ -94,29 +118,27 @@ int PlanEtfImage(uint32_t otaSizeWord, uint32_t otaAddress, const EtfSource& sou
     return 0;
 }
 
-int WriteEtfImage(UpgradeRun& run, FILE* source, const EtfPlan& plan)
+int WriteEtfImage(UpgradeRun& run, FILE* source, const std::string& path, const EtfPlan& plan)
 {
     unsigned char* data = run.data.get();
-    unsigned char* compare = run.compare.get();
     std::puts("\nStart the ETF image programing...");
     std::fflush(stdout);
 
-    if (RunWriteCycle(FirstBlockCycle(data, source, plan), data, compare) != 0)
+    std::vector<unsigned char> chunk;
+    if (ReadFirstChunk(source, path, plan, chunk) != 0)
         return -1;
-    const uint32_t afterFirst = plan.firstBlock + kUpgradeBlockSize;
-    for (uint32_t i = 0; i < plan.fullBlocks; ++i) {
-        LoadBlockFromFile(run, source, kUpgradeBlockSize);
-        WriteCycle cycle;
-        cycle.address = afterFirst + i * kUpgradeBlockSize;
-        DescribeFullBlock(cycle, i, plan.fullBlocks);
-        if (RunWriteCycle(cycle, data, compare) != 0)
-            return -1;
-    }
-    if (plan.tail == 0)
-        return 0;
-    LoadBlockFromFile(run, source, plan.tail);
-    WriteCycle cycle;
-    cycle.address = afterFirst + plan.fullBlocks * kUpgradeBlockSize;
-    DescribeTail(cycle, plan.tail, kEtfTailTexts);
-    return RunWriteCycle(cycle, data, compare);
+    WriteCycle first = FirstBlockCycle(data, chunk, plan);
+    if (RunWriteCycle(first, data, run.compare.get()) != 0)
+        return -1;
+
+    FileRegion region;
+    region.file = source;  // positioned right after the first block's bytes
+    region.path = path;
+    region.address = plan.firstBlock + kUpgradeBlockSize;
+    region.length = plan.fullBlocks * kUpgradeBlockSize + plan.tail;
+    region.tailTexts = kEtfTailTexts;
+    region.region = "etf";
+    region.regionDone = plan.firstChunk;
+    region.regionTotal = first.regionTotal;
+    return WriteFileRegion(run, region);
 }

@@ -33,4 +33,4 @@ int PlanEtfImage(uint32_t otaSizeWord, uint32_t otaAddress, const EtfSource& sou
                  EtfPlan& plan, std::string& why);
 
 // The ETF phase: 0 when the ETF image is in flash, -1 when the run must abort.
-int WriteEtfImage(UpgradeRun& run, FILE* source, const EtfPlan& plan);
+int WriteEtfImage(UpgradeRun& run, FILE* source, const std::string& path, const EtfPlan& plan);

@@ -4,10 +4,15 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include "common/run_report.h"
 #include "common/stdio_file.h"
 #include "flashhost/CFlashHost.h"
 #include "upgrade/UpGrade.h"
+#include "upgrade/block_walk.h"
 
 namespace {
 
@@ -43,54 +48,94 @@ bool FileCoversLength(FILE* file, unsigned int length, const char* path)
     return false;
 }
 
-// Walks a range as its full 64 KiB blocks and then its tail, calling
-// step(flash address, byte count) for each piece that holds bytes. Returns 0, or
-// the first non-zero result of a step, which ends the walk.
-template <typename Step>
-int ForEachBlock(unsigned int address, unsigned int length, Step step)
-{
-    const unsigned int blocks = length / kBlockSize;
-    const unsigned int tail = length % kBlockSize;
-    for (unsigned int i = 0; i <= blocks; ++i) {
-        const unsigned int size = i < blocks ? kBlockSize : tail;
-        if (size == 0)
-            break;
-        if (int result = step(address + i * kBlockSize, size))
-            return result;
+// The debug read's output is written under a temporary name in the same folder and
+// renamed only when every byte is in it, so a failed or interrupted read leaves no
+// empty or partial file under the final name. The temporary file goes on failure.
+class PendingFile {
+public:
+    explicit PendingFile(const char* finalName) : m_final(finalName)
+    {
+        m_temp = m_final + ".XXXXXX";
+        int fd = mkstemp(&m_temp[0]);
+        if (fd >= 0) {
+            // mkstemp makes the file private (0600); give it the permissions any
+            // newly created file of this user gets. The debug road runs on one
+            // thread, so reading the mask by setting it back is safe here.
+            mode_t mask = umask(0);
+            umask(mask);
+            fchmod(fd, 0666 & ~mask);
+        }
+        if (fd >= 0)
+            m_file.reset(fdopen(fd, "w+"));
+        if (fd >= 0 && !m_file)
+            close(fd);
+        if (!m_file)
+            m_temp.clear();
     }
-    return 0;
+    ~PendingFile()
+    {
+        m_file.reset();
+        if (!m_temp.empty())
+            unlink(m_temp.c_str());
+    }
+    PendingFile(const PendingFile&) = delete;
+    PendingFile& operator=(const PendingFile&) = delete;
+
+    FILE* get() const { return m_file.get(); }
+
+    // Closes the file and gives it its final name; false when either fails.
+    bool Commit()
+    {
+        FILE* file = m_file.release();
+        if (fclose(file) != 0 || rename(m_temp.c_str(), m_final.c_str()) != 0)
+            return false;
+        m_temp.clear();
+        return true;
+    }
+
+private:
+    std::string m_final;
+    std::string m_temp;
+    UniqueFile m_file;
+};
+
+int FailWith(run_report::Outcome outcome)
+{
+    run_report::NoteFailure(outcome);
+    return CloseAndReturn(-1);
 }
 
 int ReadRange(unsigned int address, unsigned int length)
 {
     char name[64];
     snprintf(name, sizeof name, "flash_A_0x%X_L_0x%X.bin", address, length);
-    UniqueFile file = OpenFile(name, "w+");
-    if (!file) {
+    PendingFile file(name);
+    if (!file.get()) {
         printf("Failed to create file: %s\n", name);
-        return CloseAndReturn(-1);
+        return FailWith(run_report::Outcome::kOther);
     }
     BlockBuffer buffer = NewBlockBuffer();
-    int result = ForEachBlock(address, length, [&](unsigned int at, unsigned int size) {
-        if (g_flashHost.ReadFlashLength(at, buffer.get(), size) != 0) {
-            file.reset();  // the partial file stays
+    run_report::Outcome failure = run_report::Outcome::kFlashCommand;
+    int result = ForEachBlock(address, length, [&](const BlockPiece& piece) {
+        if (g_flashHost.ReadFlashLength(piece.address, buffer.get(), piece.size) != 0) {
             printf("Read failed: %s\n", g_flashHost.m_strMsg.c_str());
             return -1;
         }
         // A file that cannot take the bytes (disk full) fails the read too:
         // reporting success with a short file would lose data silently.
-        if (fwrite(buffer.get(), 1, size, file.get()) != size) {
-            file.reset();
+        if (fwrite(buffer.get(), 1, piece.size, file.get()) != piece.size) {
             printf("Failed to write file: %s\n", name);
+            failure = run_report::Outcome::kOther;
             return -1;
         }
+        run_report::Progress("debug", "read", static_cast<uint64_t>(piece.address - address) + piece.size, length);
         return 0;
     });
     if (result != 0)
-        return CloseAndReturn(-1);
-    if (fclose(file.release()) != 0) {
+        return FailWith(failure);
+    if (!file.Commit()) {
         printf("Failed to write file: %s\n", name);
-        return CloseAndReturn(-1);
+        return FailWith(run_report::Outcome::kOther);
     }
     printf("Read addr:0x%08X len:0x%08X OK!\n", address, length);
     printf("Data saved in file:%s\n", name);
@@ -104,29 +149,31 @@ int WriteRange(unsigned int address, unsigned int length, const char* path)
     UniqueFile file = OpenFile(path, "rb");
     if (!file) {
         printf("Failed to open file: %s\n", path);
-        return CloseAndReturn(-1);
+        return FailWith(run_report::Outcome::kImage);
     }
     if (!FileCoversLength(file.get(), length, path))
-        return CloseAndReturn(-1);
+        return FailWith(run_report::Outcome::kImage);
 
     BlockBuffer buffer = NewBlockBuffer();
-    int result = ForEachBlock(address, length, [&](unsigned int at, unsigned int size) {
+    run_report::Outcome failure = run_report::Outcome::kFlashCommand;
+    int result = ForEachBlock(address, length, [&](const BlockPiece& piece) {
         // Sectors go whole: the bytes after a tail that ends inside a sector are
         // the erased value, so the flash past the tail stays as it was.
         memset(buffer.get(), kErasedByte, kBlockSize);
-        if (fread(buffer.get(), 1, size, file.get()) != size) {
+        if (fread(buffer.get(), 1, piece.size, file.get()) != piece.size) {
             printf("Failed to read file: %s\n", path);
+            failure = run_report::Outcome::kImage;
             return -1;
         }
-        if (g_flashHost.WriteFlashLength(at, buffer.get(), size) != 0) {
-            file.reset();
+        if (g_flashHost.WriteFlashLength(piece.address, buffer.get(), piece.size) != 0) {
             printf("Write failed: %s\n", g_flashHost.m_strMsg.c_str());
             return -1;
         }
+        run_report::Progress("debug", "write", static_cast<uint64_t>(piece.address - address) + piece.size, length);
         return 0;
     });
     if (result != 0)
-        return CloseAndReturn(-1);
+        return FailWith(failure);
     file.reset();
     printf("Write addr:0x%08X len:0x%08X OK!\n", address, length);
     return CloseAndReturn(0);
@@ -136,7 +183,7 @@ int EraseRange(unsigned int address, unsigned int length)
 {
     if (g_flashHost.EraseFlashLength(address, length) != 0) {
         printf("Erase failed: %s\n", g_flashHost.m_strMsg.c_str());
-        return CloseAndReturn(-1);
+        return FailWith(run_report::Outcome::kFlashCommand);
     }
     printf("Erase addr:0x%08X len:0x%08X OK!\n", address, length);
     return CloseAndReturn(0);
@@ -157,6 +204,8 @@ int FlashOperate(unsigned int op, unsigned int address, unsigned int length, cha
     if (g_flashHost.SendUpgradeCmd() != 0)
         printf("%s", g_flashHost.m_strMsg.c_str());
     if (g_flashHost.OpenUart() != 0) {
+        // The flash host has recorded whether the port failed or the target.
+        run_report::NoteFailure(run_report::Outcome::kNoAnswer);
         printf("%s\n", g_flashHost.m_strMsg.c_str());
         return -1;
     }

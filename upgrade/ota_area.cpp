@@ -17,24 +17,23 @@ constexpr int kFirstBlockPercent = 95;
 constexpr int kInnerBlocksPercent = 96;
 constexpr int kLastBlockPercent = 97;
 constexpr int kRemainderPercent = 99;
-constexpr useconds_t kErasePauseUs = 1000000;
 
 const StepText kFirstBlockTexts[kCycleSteps] = {
-    {"%d%%: Read old data1...\n", "Read old data1 error!"},
-    {"%d%%: Checking OTA data1...\n", "Check OTA data1 error!"},
-    {"%d%%: Erasing OTA data1...\n", "Erase OTA data1 error!"},
-    {"%d%%: Writing OTA data1...\n", "Write OTA data1 error!"},
-    {"%d%%: Reading OTA data1...\n", "Read OTA data1 error!"},
-    {"%d%%: Verifying OTA data1...\n", "Verify OTA data1 error!"},
+    {"Read old data1...", "Read old data1 error!"},
+    {"Checking OTA data1...", "Check OTA data1 error!"},
+    {"Erasing OTA data1...", "Erase OTA data1 error!"},
+    {"Writing OTA data1...", "Write OTA data1 error!"},
+    {"Reading OTA data1...", "Read OTA data1 error!"},
+    {"Verifying OTA data1...", "Verify OTA data1 error!"},
 };
 
 const StepText kLastBlockTexts[kCycleSteps] = {
-    {"%d%%: Read old data3...\n", "Read old data3 error!"},
-    {"%d%%: Checking OTA data3...\n", "Check OTA data3 error!"},
-    {"%d%%: Erasing OTA data3...\n", "Erase OTA data3 error!"},
-    {"%d%%: Writing OTA data3...\n", "Write OTA data3 error!"},
-    {"%d%%: Reading OTA data3...\n", "Read OTA data3 error!"},
-    {"%d%%: Verifying OTA data3...\n", "Verify OTA data3 error!"},
+    {"Read old data3...", "Read old data3 error!"},
+    {"Checking OTA data3...", "Check OTA data3 error!"},
+    {"Erasing OTA data3...", "Erase OTA data3 error!"},
+    {"Writing OTA data3...", "Write OTA data3 error!"},
+    {"Reading OTA data3...", "Read OTA data3 error!"},
+    {"Verifying OTA data3...", "Verify OTA data3 error!"},
 };
 
 // The remainder goes into flash that data2 or data3 has just erased: no check, no erase.
@@ -42,9 +41,9 @@ const StepText kRemainderTexts[kCycleSteps] = {
     {"", ""},
     {"", ""},
     {"", ""},
-    {"%d%%: Writing OTA data4...\n", "Write OTA data4 error!"},
-    {"%d%%: Reading OTA data4...\n", "Read OTA data4 error!"},
-    {"%d%%: Verifying OTA data4...\n", "Verify OTA data4 error!"},
+    {"Writing OTA data4...", "Write OTA data4 error!"},
+    {"Reading OTA data4...", "Read OTA data4 error!"},
+    {"Verifying OTA data4...", "Verify OTA data4 error!"},
 };
 
 void SetAllPercentages(WriteCycle& cycle, int percent)
@@ -63,6 +62,8 @@ WriteCycle OldContentCycle(uint32_t blockAddress, unsigned char* data, const Ste
     cycle.address = blockAddress;
     cycle.length = kUpgradeBlockSize;
     cycle.texts = texts;
+    cycle.region = "ota";
+    cycle.regionTotal = layout.size;
     SetAllPercentages(cycle, percent);
     cycle.prepare = [blockAddress, data, &layout, edit]() {
         if (g_flashHost.ReadFlashLength(blockAddress, data, kUpgradeBlockSize) != 0)
@@ -78,7 +79,7 @@ WriteCycle OldContentCycle(uint32_t blockAddress, unsigned char* data, const Ste
 int EraseInnerBlocks(const OtaLayout& layout)
 {
     for (uint32_t i = 1; i < layout.blocksCrossed; ++i) {
-        if (g_flashHost.GetUpdateStatus() != 0)
+        if (StopRequested())
             return -1;
         std::printf("%d%%: Erasing OTA data2...\n", kInnerBlocksPercent);
         std::fflush(stdout);
@@ -86,7 +87,7 @@ int EraseInnerBlocks(const OtaLayout& layout)
                                          kUpgradeBlockSize) != 0) {
             std::puts("Erase OTA data2 error!");
             std::fflush(stdout);
-            usleep(kErasePauseUs);
+            usleep(link_timing::kOtaEraseRetryPauseUs);
         }
     }
     return 0;
@@ -181,7 +182,7 @@ int WriteOtaArea(UpgradeRun& run, const OtaLayout& layout)
                                        kFirstBlockPercent, layout, PrepareOtaFirstBlock);
     if (RunWriteCycle(first, data, compare) != 0)
         return -1;
-    if (g_flashHost.GetUpdateStatus() != 0)
+    if (StopRequested())
         return -1;
     if (EraseInnerBlocks(layout) != 0)
         return -1;
@@ -199,6 +200,8 @@ int WriteOtaArea(UpgradeRun& run, const OtaLayout& layout)
     tail.length = remainder;
     tail.texts = kRemainderTexts;
     tail.checkAndErase = false;
+    tail.region = "ota";
+    tail.regionTotal = layout.size;
     SetAllPercentages(tail, kRemainderPercent);
     return RunWriteCycle(tail, data, compare);
 }

@@ -1,16 +1,26 @@
 #include "upgrade/run_state.h"
 
+#include <cstdio>
 #include <cstring>
 
-void LoadBlockFromFile(UpgradeRun& run, FILE* file, uint32_t count)
+#include "common/run_report.h"
+
+int ReadImageBytes(FILE* file, unsigned char* dest, uint32_t count, const std::string& path)
+{
+    if (std::fread(dest, 1, count, file) == count)
+        return 0;
+    std::printf("Failed to read image file: %s\n", path.c_str());
+    std::fflush(stdout);
+    run_report::NoteFailure(run_report::Outcome::kImage);
+    return -1;
+}
+
+int LoadBlockFromFile(UpgradeRun& run, FILE* file, uint32_t count, const std::string& path)
 {
     std::memset(run.data.get(), 0xFF, kUpgradeBlockSize);
     if (count > kUpgradeBlockSize)
         count = kUpgradeBlockSize;
-    // A short read is not an error of its own: the image was checked when it was
-    // parsed, and the missing bytes stay erased.
-    size_t got = std::fread(run.data.get(), 1, count, file);
-    (void)got;
+    return ReadImageBytes(file, run.data.get(), count, path);
 }
 
 bool IsCombinedImagePath(const std::string& path)

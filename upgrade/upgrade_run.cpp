@@ -1,11 +1,14 @@
 // The upgrade worker: checks and reports the images, connects to the target,
 // programs the main image, the OTA area and the ETF image, and leaves the outcome
 // in g_iUpdateStatus.
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "common/byte_order.h"
+#include "common/run_report.h"
 #include "flashhost/CFlashHost.h"
 #include "frontend/Setting.h"
 #include "image/FwParser.h"
@@ -61,18 +64,25 @@ const unsigned char* FirstHeader(const FwParser& parser)
 
 // Steps before any connection: parse and open the main image (and the ETF image
 // when it is enabled). -1 ends the run at once.
+int ImageFailure()
+{
+    run_report::NoteFailure(run_report::Outcome::kImage);
+    return -1;
+}
+
 int OpenImages(UpgradeRun& run)
 {
     const bool mainValid = ParseAndReport(g_fwParser, kMainTitle);
     const std::string mainPath = g_fwParser.GetFilePath();
+    run.mainPath = mainPath;
     run.mainFile = OpenFile(mainPath.c_str(), "rb");
     if (!run.mainFile) {
         std::printf("Failed to open image file: %s\n", mainPath.c_str());
-        return -1;
+        return ImageFailure();
     }
     if (!mainValid) {
         PrintLine("Invalid image!");
-        return -1;
+        return ImageFailure();
     }
     run.combined = IsCombinedImagePath(mainPath);
     PrintLine(run.combined ? "Combined image!!" : "not Combined image!!");
@@ -82,14 +92,15 @@ int OpenImages(UpgradeRun& run)
     g_iUpdateStatus = kStatusRunning;
     const bool etfValid = ParseAndReport(g_etfFwParser, kEtfTitle);
     const std::string etfPath = g_etfFwParser.GetFilePath();
+    run.etfPath = etfPath;
     run.etfFile = OpenFile(etfPath.c_str(), "rb");
     if (!run.etfFile) {
         std::printf("Failed to open etf image file: %s\n", etfPath.c_str());
-        return -1;
+        return ImageFailure();
     }
     if (!etfValid) {
         PrintLine("Invalid etf image!");
-        return -1;
+        return ImageFailure();
     }
     return 0;
 }
@@ -102,13 +113,13 @@ int MeasureMainImage(UpgradeRun& run)
     const int64_t fileLength = FileLength(file);
     if (fileLength < 0 || !SeekTo(file, 0)) {
         std::printf("Failed to read image file: %s\n", g_fwParser.GetFilePath().c_str());
-        return -1;
+        return ImageFailure();
     }
     // Flash addresses are 32-bit; a longer file cannot be placed.
     if (!run.combined && fileLength > 0xFFFFFFFFll) {
         std::printf("Failed to program image file: %s is larger than 4 GiB\n",
                     g_fwParser.GetFilePath().c_str());
-        return -1;
+        return ImageFailure();
     }
     run.mainLength = run.combined ? ImageSectionsLength(g_fwParser)
                                   : static_cast<uint32_t>(fileLength);
@@ -118,6 +129,11 @@ int MeasureMainImage(UpgradeRun& run)
 FILE* EtfSourceFile(UpgradeRun& run)
 {
     return run.combined ? run.mainFile.get() : run.etfFile.get();
+}
+
+const std::string& EtfSourcePath(const UpgradeRun& run)
+{
+    return run.combined ? run.mainPath : run.etfPath;
 }
 
 int PlanPhases(UpgradeRun& run, PhasePlan& plan)
@@ -133,7 +149,7 @@ int PlanPhases(UpgradeRun& run, PhasePlan& plan)
         plan.otaLayout = ComputeOtaLayout(otaAddress, OtaAreaSize(otaSizeWord));
         if (CheckOtaLayout(plan.otaLayout, why) != 0) {
             PrintLine(why);
-            return -1;
+            return ImageFailure();
         }
     }
 
@@ -151,33 +167,64 @@ int PlanPhases(UpgradeRun& run, PhasePlan& plan)
     if (source.end < 0) {
         std::printf("Failed to read etf image file: %s\n",
                     (run.combined ? g_fwParser : g_etfFwParser).GetFilePath().c_str());
-        return -1;
+        return ImageFailure();
     }
     if (PlanEtfImage(otaSizeWord, otaAddress, source, plan.etfPlan, why) != 0) {
         PrintLine(why);
-        return -1;
+        return ImageFailure();
     }
     return 0;
+}
+
+// Runs one phase and, when it succeeds, reports the region's bytes and time.
+template <typename Phase>
+int TimedRegion(const char* region, uint64_t bytes, Phase phase)
+{
+    const auto start = std::chrono::steady_clock::now();
+    if (phase() != 0)
+        return -1;
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+    run_report::Region(region, bytes, took.count());
+    return 0;
+}
+
+uint64_t EtfBytes(const EtfPlan& plan)
+{
+    const int64_t available = plan.sourceEnd - plan.sourceOffset;
+    return available < 0 ? 0 : static_cast<uint64_t>(available);
 }
 
 // The phases on an open connection; -1 when the run must abort.
 int ProgramFlash(UpgradeRun& run, const PhasePlan& plan)
 {
-    if (WriteMainImage(run) != 0)
+    if (TimedRegion("main", run.mainLength, [&] { return WriteMainImage(run); }) != 0)
         return -1;
-    if (plan.ota && WriteOtaArea(run, plan.otaLayout) != 0)
+    if (plan.ota && TimedRegion("ota", plan.otaLayout.size,
+                                [&] { return WriteOtaArea(run, plan.otaLayout); }) != 0)
         return -1;
-    if (plan.etf && WriteEtfImage(run, EtfSourceFile(run), plan.etfPlan) != 0)
+    if (plan.etf && TimedRegion("etf", EtfBytes(plan.etfPlan), [&] {
+            return WriteEtfImage(run, EtfSourceFile(run), EtfSourcePath(run), plan.etfPlan);
+        }) != 0)
         return -1;
     return 0;
 }
 
 void AbortRun()
 {
-    if (g_flashHost.GetUpdateStatus() != 0)
+    if (StopRequested()) {
+        run_report::NoteFailure(run_report::Outcome::kStopped);
         PrintLine("User stoped!");
+    }
     g_flashHost.Close();
     g_iUpdateStatus = kStatusFailed;
+}
+
+std::vector<std::string> ImagePaths()
+{
+    std::vector<std::string> paths{g_fwParser.GetFilePath()};
+    if (g_Setting.bEtfFw)
+        paths.push_back(g_etfFwParser.GetFilePath());
+    return paths;
 }
 
 // Everything from the connection attempt on; leaves the final status.
@@ -186,6 +233,8 @@ void ConnectAndProgram(UpgradeRun& run, const PhasePlan& plan)
     std::printf("%d%%: Opening com...\n", 3);
     std::fflush(stdout);
     if (g_flashHost.OpenUart() != 0) {
+        // The flash host has recorded whether the port failed or the target.
+        run_report::NoteFailure(run_report::Outcome::kNoAnswer);
         PrintLine(g_flashHost.m_strMsg);
         AbortRun();
         return;
@@ -206,6 +255,7 @@ void ConnectAndProgram(UpgradeRun& run, const PhasePlan& plan)
 void* UpGradeThread(void*)
 {
     g_iUpdateStatus = kStatusRunning;
+    run_report::Start(g_flashHost.GetComNum(), g_flashHost.GetBaud(), ImagePaths());
     UpgradeRun run;
     PhasePlan plan;
     if (OpenImages(run) != 0 || MeasureMainImage(run) != 0 || PlanPhases(run, plan) != 0) {

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "common/run_report.h"
 #include "flashhost/CFlashHost.h"
 #include "frontend/Setting.h"
 
@@ -12,33 +13,32 @@ namespace {
 // The speed the last attempt falls back to, and the only speed it falls back from.
 constexpr unsigned int kFastBaud = 921600;
 constexpr unsigned int kSafeBaud = 115200;
-constexpr useconds_t kRetryPauseUs = 1000000;
 
 enum AttemptResult { kAttemptDone, kAttemptFailed, kAttemptStopped };
 
-bool StopRequested()
-{
-    return g_flashHost.GetUpdateStatus() != 0;
-}
+const char* const kPhaseNames[kCycleSteps] = {"read", "check", "erase", "write", "read", "verify"};
 
 void PrintProgress(const WriteCycle& cycle, CycleStep step)
 {
-    const char* format = cycle.texts[step].progress;
+    const char* words = cycle.texts[step].progress;
     if (cycle.blockTotal != 0)
-        std::printf(format, cycle.percent[step], cycle.blockNumber, cycle.blockTotal);
+        std::printf("%d%%: %s the %d block,total %d block(s)...\n", cycle.percent[step], words,
+                    cycle.blockNumber, cycle.blockTotal);
     else
-        std::printf(format, cycle.percent[step]);
+        std::printf("%d%%: %s\n", cycle.percent[step], words);
     // Progress must show at once, also when the output goes to a pipe.
     std::fflush(stdout);
+    run_report::Progress(cycle.region, kPhaseNames[step], cycle.regionDone, cycle.regionTotal);
 }
 
 void PrintError(const WriteCycle& cycle, CycleStep step)
 {
-    const char* text = cycle.texts[step].error;
+    const char* words = cycle.texts[step].error;
     if (cycle.blockTotal != 0)
-        std::printf(text, cycle.blockNumber, cycle.blockTotal);
+        std::printf("%s the %d block error ! Total %d block(s)!\n", words, cycle.blockNumber,
+                    cycle.blockTotal);
     else
-        std::puts(text);
+        std::puts(words);
     if (step == kStepErase && cycle.eraseErrorShowsHostMsg)
         std::printf("msg:%s\n", g_flashHost.m_strMsg.c_str());
     std::fflush(stdout);
@@ -53,49 +53,57 @@ bool BeginStep(const WriteCycle& cycle, CycleStep step)
     return true;
 }
 
-AttemptResult Fail(const WriteCycle& cycle, CycleStep step)
+struct Attempt {
+    AttemptResult result;
+    CycleStep failedStep;
+};
+
+Attempt Done() { return {kAttemptDone, kStepPrepare}; }
+Attempt Stopped() { return {kAttemptStopped, kStepPrepare}; }
+
+Attempt Fail(const WriteCycle& cycle, CycleStep step)
 {
     PrintError(cycle, step);
-    return kAttemptFailed;
+    return {kAttemptFailed, step};
 }
 
-AttemptResult RunAttempt(const WriteCycle& cycle, unsigned char* data, unsigned char* compare)
+Attempt RunAttempt(const WriteCycle& cycle, unsigned char* data, unsigned char* compare)
 {
     if (cycle.prepare) {
         if (!BeginStep(cycle, kStepPrepare))
-            return kAttemptStopped;
+            return Stopped();
         if (cycle.prepare() != 0)
             return Fail(cycle, kStepPrepare);
     }
     if (cycle.checkAndErase) {
         if (g_Setting.bUpdateChangeOnly) {
             if (!BeginStep(cycle, kStepCheck))
-                return kAttemptStopped;
+                return Stopped();
             if (g_flashHost.ReadFlashLength(cycle.address, compare, cycle.length) != 0)
                 return Fail(cycle, kStepCheck);
             if (std::memcmp(data, compare, cycle.length) == 0)
-                return kAttemptDone;  // flash already holds the data: nothing to erase or write
+                return Done();  // flash already holds the data: nothing to erase or write
         }
         if (!BeginStep(cycle, kStepErase))
-            return kAttemptStopped;
+            return Stopped();
         if (g_flashHost.EraseFlashLength(cycle.address, cycle.length) != 0)
             return Fail(cycle, kStepErase);
     }
     if (!BeginStep(cycle, kStepWrite))
-        return kAttemptStopped;
+        return Stopped();
     if (g_flashHost.WriteFlashLength(cycle.address, data, cycle.length) != 0)
         return Fail(cycle, kStepWrite);
     if (!g_Setting.bReadAndCheck)
-        return kAttemptDone;
+        return Done();
     if (!BeginStep(cycle, kStepRead))
-        return kAttemptStopped;
+        return Stopped();
     if (g_flashHost.ReadFlashLength(cycle.address, compare, cycle.length) != 0)
         return Fail(cycle, kStepRead);
     if (!BeginStep(cycle, kStepVerify))
-        return kAttemptStopped;
+        return Stopped();
     if (std::memcmp(data, compare, cycle.length) != 0)
         return Fail(cycle, kStepVerify);
-    return kAttemptDone;
+    return Done();
 }
 
 // Before the last attempt a link at 921600 drops to 115200 for the rest of the run;
@@ -108,15 +116,28 @@ void FallBackToSafeSpeed()
     g_flashHost.ChangeUartBaud();
 }
 
+// The class of a cycle that used up its attempts: a compare that kept finding
+// differences is a verify failure, anything else a failing flash command.
+run_report::Outcome FailureClass(CycleStep lastFailedStep)
+{
+    return lastFailedStep == kStepVerify ? run_report::Outcome::kVerify
+                                         : run_report::Outcome::kFlashCommand;
+}
+
 }  // namespace
+
+bool StopRequested()
+{
+    return g_flashHost.GetUpdateStatus() != 0;
+}
 
 const StepText kFullBlockTexts[kCycleSteps] = {
     {"", ""},  // full blocks have no preparation
-    {"%d%%: Checking the %d block,total %d block(s)...\n", "Checking the %d block error ! Total %d block(s)!\n"},
-    {"%d%%: Erasing the %d block,total %d block(s)...\n", "Erase the %d block error ! Total %d block(s)!\n"},
-    {"%d%%: Writing the %d block,total %d block(s)...\n", "Write the %d block error ! Total %d block(s)!\n"},
-    {"%d%%: Reading the %d block,total %d block(s)...\n", "Read the %d block error ! Total %d block(s)!\n"},
-    {"%d%%: Verifying the %d block,total %d block(s)...\n", "Verify the %d block error ! Total %d block(s)!\n"},
+    {"Checking", "Checking"},
+    {"Erasing", "Erase"},
+    {"Writing", "Write"},
+    {"Reading", "Read"},
+    {"Verifying", "Verify"},
 };
 
 uint32_t BlockPercent(uint32_t index, uint32_t step, uint32_t total)
@@ -147,17 +168,26 @@ void DescribeTail(WriteCycle& cycle, uint32_t length, const StepText* texts)
 
 int RunWriteCycle(const WriteCycle& cycle, unsigned char* data, unsigned char* compare)
 {
+    CycleStep lastFailed = kStepPrepare;
     for (int attempt = 1; attempt <= kWriteAttempts; ++attempt) {
         if (StopRequested())
-            return -1;
+            break;
         if (attempt == kWriteAttempts)
             FallBackToSafeSpeed();
-        AttemptResult result = RunAttempt(cycle, data, compare);
-        if (result == kAttemptDone)
+        Attempt outcome = RunAttempt(cycle, data, compare);
+        if (outcome.result == kAttemptDone) {
+            run_report::Progress(cycle.region, "done", cycle.regionDone + cycle.length,
+                                 cycle.regionTotal);
             return 0;
-        if (result == kAttemptStopped)
-            return -1;
-        usleep(kRetryPauseUs);
+        }
+        if (outcome.result == kAttemptStopped)
+            break;
+        lastFailed = outcome.failedStep;
+        usleep(link_timing::kWriteCycleRetryPauseUs);
+        if (attempt == kWriteAttempts)
+            run_report::NoteFailure(FailureClass(lastFailed));
     }
+    if (StopRequested())
+        run_report::NoteFailure(run_report::Outcome::kStopped);
     return -1;
 }

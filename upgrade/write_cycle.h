@@ -5,17 +5,20 @@
 #include <cstdint>
 #include <functional>
 
+#include "common/link_timing.h"
+
 enum {
     kUpgradeBlockSize = 65536,  // erase block, and the size of both run buffers
-    kWriteAttempts = 5,
+    kWriteAttempts = link_timing::kWriteCycleAttempts,
 };
 
 enum CycleStep { kStepPrepare, kStepCheck, kStepErase, kStepWrite, kStepRead, kStepVerify, kCycleSteps };
 
-// The console texts of one step. For a numbered cycle (a full block) the progress
-// format takes the percentage, the block number and the total, and the error format
-// the block number and the total; otherwise the progress format takes the
-// percentage alone and the error text is printed as a line.
+// The console words of one step. A numbered cycle (a full block) prints
+// "%d%%: <progress> the %d block,total %d block(s)...\n" and, on failure,
+// "<error> the %d block error ! Total %d block(s)!\n"; any other cycle prints
+// "%d%%: <progress>\n" and its error text as a line. Keeping the words apart from
+// the formats keeps every format a literal the compiler can check.
 struct StepText {
     const char* progress;
     const char* error;
@@ -31,7 +34,17 @@ struct WriteCycle {
     bool checkAndErase = true;             // false only for writes into flash already erased
     bool eraseErrorShowsHostMsg = false;   // the main image's full blocks add "msg:" lines
     std::function<int()> prepare;          // run at the start of every attempt; 0 = ready
+
+    // For progress events: the region ("main", "ota", "etf"), how many of its bytes
+    // were done before this cycle, and its size.
+    const char* region = "main";
+    uint64_t regionDone = 0;
+    uint64_t regionTotal = 0;
 };
+
+// True once the operator asked to stop. The one place the upgrade engine reads the
+// stop request.
+bool StopRequested();
 
 // Runs the cycle on the run's data buffer (what is to be written) and compare buffer
 // (what is read back). 0 when flash holds the data; -1 when the run must abort: a
@@ -43,7 +56,7 @@ int RunWriteCycle(const WriteCycle& cycle, unsigned char* data, unsigned char* c
 // out the way the progress numbering always has been, in unsigned 32-bit.
 uint32_t BlockPercent(uint32_t index, uint32_t step, uint32_t total);
 
-// The texts of a full 64 KiB block, shared by the main image and the ETF image.
+// The words of a full 64 KiB block, shared by the main image and the ETF image.
 extern const StepText kFullBlockTexts[kCycleSteps];
 
 // Fills in a full-block cycle's length, percentages, numbering and texts.

@@ -1,5 +1,6 @@
 // The flash debug mode from the command line against the simulated target: what
 // each operation does to the flash file, and that failures end the tool with 255.
+#include <dirent.h>
 #include <memory>
 
 #include "flashhost/CFlashHost.h"
@@ -47,6 +48,20 @@ protected:
     }
 
     Bytes FlashNow() { return ReadFileBytes(dir.File("flash.bin")); }
+
+    // The names in the test folder that begin with the prefix, one per line.
+    std::string FilesNamedLike(const std::string& prefix)
+    {
+        std::string names;
+        if (DIR* folder = opendir(dir.Path().c_str())) {
+            while (dirent* entry = readdir(folder)) {
+                if (std::string(entry->d_name).compare(0, prefix.size(), prefix) == 0)
+                    names += std::string(entry->d_name) + "\n";
+            }
+            closedir(folder);
+        }
+        return names;
+    }
 
     TempDir dir;
     std::unique_ptr<SimProcess> sim;
@@ -153,6 +168,9 @@ TEST_F(FlashDebugEndToEnd, FaultsEndTheToolWithStatus255)
         ProcessResult r = RunTool(c.options);
         EXPECT_EQ(255, r.exitStatus) << r.out;
         EXPECT_TRUE(Has(r.out, c.line)) << r.out;
+        // A read that failed part-way leaves neither the named file nor its
+        // temporary behind.
+        EXPECT_EQ("", FilesNamedLike("flash_A_")) << c.name;
         sim.reset();
     }
 }

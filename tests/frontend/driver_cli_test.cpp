@@ -1,6 +1,9 @@
 // The built program, run as a user would, in a fresh folder.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <string>
 
 #include "image/FwParser.h"
@@ -125,6 +128,33 @@ TEST_F(DriverCli, CombineWritesBothImagesBackToBack)
     r = Run({"-D", "n", "-g", "1", "-i", "main.img", "-I", "none.img", "-G", "out.cimg"});
     EXPECT_NE(std::string::npos, r.out.find("Failed to open ETF image file: none.img\n"));
     EXPECT_EQ(255, r.exitStatus);
+}
+
+// A combine that cannot write its output says so and leaves no partial image: a
+// full device is reported (and, not being a regular file, left alone), and a
+// regular file cut short by the file size limit is removed.
+TEST_F(DriverCli, CombineThatCannotWriteLeavesNoPartialImage)
+{
+    WriteBytes("main.img", 5000, 3);
+    WriteBytes("etf.img", 3, 9);
+    ProcessResult r = Run({"-D", "n", "-g", "1", "-i", "main.img", "-I", "etf.img", "-G", "/dev/full"});
+    EXPECT_EQ(255, r.exitStatus);
+    EXPECT_NE(std::string::npos, r.out.find("Failed to write combine image file: /dev/full\n")) << r.out;
+    EXPECT_EQ(std::string::npos, r.out.find("SUCCESS")) << r.out;
+    struct stat info;
+    ASSERT_EQ(0, stat("/dev/full", &info));
+    EXPECT_TRUE(S_ISCHR(info.st_mode));
+
+    // One 1 KiB block may be written; the signal for exceeding it is ignored, so
+    // the write fails with an error the way a full disk makes it fail.
+    ProcessOptions options;
+    options.cwd = dir.Path();
+    r = RunProcess("/bin/sh", {"-c", "ulimit -f 1; trap '' XFSZ; exec \"$0\" \"$@\"", ToolPath(),
+                               "-D", "n", "-g", "1", "-i", "main.img", "-I", "etf.img", "-G", "out.cimg"},
+                   options);
+    EXPECT_EQ(255, r.exitStatus);
+    EXPECT_NE(std::string::npos, r.out.find("Failed to write combine image file: out.cimg\n")) << r.out;
+    EXPECT_NE(0, access(dir.File("out.cimg").c_str(), F_OK));
 }
 
 TEST_F(DriverCli, InformationReport)

@@ -1,8 +1,10 @@
 // The run's small helpers: recognising a combined image, measuring a file, and
-// loading a block so that whatever the file does not supply stays erased.
+// loading a block: the bytes after it up to the buffer's end are erased, and a file
+// that cannot supply the whole block fails instead of being padded.
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <string>
 #include <vector>
 
 #include "upgrade/run_state.h"
@@ -17,7 +19,7 @@ TEST(CombinedImagePath, OnlyTheExactSuffix)
         EXPECT_FALSE(IsCombinedImagePath(path)) << path;
 }
 
-TEST(LoadBlockFromFile, PadsWithTheErasedValue)
+TEST(LoadBlockFromFile, PadsWithTheErasedValueAndRefusesShortFiles)
 {
     UpgradeRun run;
     run.data.reset(new unsigned char[kUpgradeBlockSize]);
@@ -29,7 +31,8 @@ TEST(LoadBlockFromFile, PadsWithTheErasedValue)
     ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), file), bytes.size());
     std::rewind(file);
 
-    // A full block, then a tail that ends inside a sector, then a read past the end.
+    // A full block, then a tail that ends inside a sector, then reads the file
+    // cannot satisfy: one that runs past its end, one at its end.
     struct Step {
         uint32_t count;
         size_t fileOffset;
@@ -41,7 +44,16 @@ TEST(LoadBlockFromFile, PadsWithTheErasedValue)
         // Measuring the file between reads must not move the reader: a combined image
         // is measured as the ETF source while the main image is read from it.
         EXPECT_EQ(FileLength(file), 70000);
-        LoadBlockFromFile(run, file, s.count);
+        testing::internal::CaptureStdout();
+        const int result = LoadBlockFromFile(run, file, s.count, "img/main.img");
+        const std::string printed = testing::internal::GetCapturedStdout();
+        if (s.supplied < s.count) {
+            EXPECT_EQ(result, -1) << "count " << s.count;
+            EXPECT_EQ(printed, "Failed to read image file: img/main.img\n");
+            continue;
+        }
+        EXPECT_EQ(result, 0);
+        EXPECT_EQ(printed, "");
         for (uint32_t i = 0; i < kUpgradeBlockSize; ++i) {
             unsigned char expected = i < s.supplied ? bytes[s.fileOffset + i] : 0xFF;
             ASSERT_EQ(run.data[i], expected) << "count " << s.count << " index " << i;

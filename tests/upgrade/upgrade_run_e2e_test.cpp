@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
+#include <unistd.h>
 
 #include "tests/upgrade/upgrade_fixtures.h"
 
@@ -186,6 +189,31 @@ TEST(UpgradeRun, ImageProblemsEndTheRunBeforeAnyConnection)
         EXPECT_TRUE(ProgressPercents(run.out).empty()) << c.message;
     }
     EXPECT_EQ(bench.Flash(), bench.InitialFlash());
+}
+
+// An image file that shrinks after it was checked (replaced on disk, a network
+// share that went away) is never programmed with erased bytes in place of the
+// missing data: the run ends at the block the file cannot supply, and that block
+// and everything after it are left as they were.
+TEST(UpgradeImageFile, ImageThatShrinksMidRunAbortsBeforeTheBlockItCannotSupply)
+{
+    UpgradeBench bench;
+    const Bytes image = MakeImage(1, {200000 - 64}, 5);  // three blocks and a tail
+    bench.WriteFile("main.img", image);
+    // Two unanswered synchronisations hold the connection for about four seconds;
+    // the file is cut to one block and a bit long before the first block is read.
+    std::thread shrink([&bench] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+        EXPECT_EQ(0, truncate(bench.Path("main.img").c_str(), 70000));
+    });
+    ProcessResult run = bench.Run({"-i", "main.img", "-u", "0", "-r", "1"}, {"--sync-fail", "2"});
+    shrink.join();
+
+    EXPECT_TRUE(Has(run.out, "Failed to read image file: main.img\n")) << run.out;
+    EXPECT_FALSE(Has(run.out, "Upgrade OK!")) << run.out;
+    Bytes expected = bench.InitialFlash();
+    ModelBlockWrite(expected, 0, Bytes(image.begin(), image.begin() + kBlock));
+    EXPECT_EQ(-1, FirstDifference(expected, bench.Flash()));
 }
 
 }  // namespace
