@@ -14,6 +14,9 @@ enum {
     kSectorSize = 512,
     kEraseBlockSize = 65536,
     kFlashIdSize = 20,
+    // The most sectors one write command carries (the boot-loader's limit); a read
+    // is held to what one reply buffer takes (15 sectors).
+    kMaxWriteSectorsPerCommand = 16,
 };
 
 // The embedded boot-loader image, loaded at 0x00010000 and started at 0x00010101.
@@ -34,6 +37,12 @@ public:
     ~CFlashHost();
     CFlashHost(const CFlashHost&) = delete;
     CFlashHost& operator=(const CFlashHost&) = delete;
+
+    // The byte port under the serial line: nullptr is the device's terminal; tests
+    // and fuzzers hand in a port of their own.
+    void UsePort(BytePort* port) { m_comm.UsePort(port); }
+    // True once the line failed in a way it does not recover from (unplugged).
+    bool LinkLost() const { return m_comm.LineLost(); }
 
     // Frames and acknowledgement.
     unsigned short CheckSum16(unsigned char* buf, int len);
@@ -91,6 +100,22 @@ public:
     int ReadFlashLength(unsigned int address, unsigned char* buffer, unsigned int length);
     int WriteFlashLength(unsigned int address, unsigned char* data, unsigned int length);
 
+    // The fast link (off by default): no fixed pause after sector commands, the
+    // configured sectors per command (1 to 15, 0 = 4) at every rate from 921600
+    // up, and the serial port's fast mode. Off, every command is the classic one.
+    void SetFastLink(bool on);
+    bool GetFastLink() const { return m_fastLink; }
+    void SetSectorsPerCommand(unsigned int count);
+
+    // Reads the range command by command into `scratch` (which holds `length`
+    // bytes) and compares each piece with `expected` as it arrives; the first piece
+    // that differs ends the read with *differs set to 1. 0 unless a command failed.
+    int CompareFlashLength(unsigned int address, const unsigned char* expected,
+                           unsigned int length, unsigned char* scratch, int* differs);
+    // WriteFlashLength for flash that is known to be erased: sectors whose bytes
+    // are all 0xFF already hold them and are not sent.
+    int WriteFlashLengthAfterErase(unsigned int address, unsigned char* data, unsigned int length);
+
     // Host log.
     bool InitLogFile();
     void WriteLog(std::string text, unsigned int size);
@@ -133,9 +158,18 @@ private:
     typedef int (CFlashHost::*SectorCommand)(unsigned int, unsigned char*, unsigned int);
     int TransferLength(SectorCommand command, unsigned int address, unsigned char* data,
                        unsigned int length);
-    unsigned int SectorsPerCommand() const;
+    unsigned int SectorsPerCommand(bool forRead) const;
+    unsigned int SectorPauseUs() const;
+    int ReadPiece(unsigned int sector, unsigned char* dest, unsigned int bytes, unsigned int sectors);
+    int WritePiece(unsigned int sector, unsigned char* data, unsigned int bytes, unsigned int sectors);
 
     unsigned char m_cmdBuf[kCmdBufferSize];
+    // The last, partial sectors of a length operation: padded with 0xFF here for a
+    // write, read here for a read, so the caller's buffer is never read or written
+    // past the length it gave.
+    unsigned char m_partialBuf[kMaxWriteSectorsPerCommand * kSectorSize];
+    bool m_fastLink = false;
+    unsigned int m_sectorsPerCommand = 0;
 
 public:
     std::string m_strMsg;  // outcome of the last operation

@@ -1,6 +1,9 @@
 // Flash sector commands and the length operations built on them.
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
+
+#include "common/link_timing.h"
 
 #include "common/checksum16.h"
 #include "flashhost/CFlashHost.h"
@@ -12,9 +15,9 @@ using namespace protocol;
 namespace {
 
 const unsigned char kEraseMode = 3;            // the only erase mode the host uses
-const unsigned int kSectorPauseUs = 50000;     // the target's own time per sector command
 const unsigned int kFastSectorRate = 921600;   // four sectors per command at this speed
 const unsigned int kSectorsPerFastCommand = 4;
+const unsigned char kErasedByte = 0xFF;
 
 // A ReadSector reply holds count x 512 bytes in one reply buffer of 8,190 payload
 // bytes, so at most 15 sectors: more is refused before anything is sent.
@@ -40,7 +43,7 @@ int CFlashHost::ReadSector(unsigned int sector, unsigned char* buffer, unsigned 
     }
     const FrameField fields[] = {{sector, 4}, {count, 4}};
     unsigned int frameSize = BuildCommand(kReadSector, fields, 2);
-    if (Exchange("ReadSector", frameSize, kTextReadSectorsTimeout, kSectorPauseUs) != 0)
+    if (Exchange("ReadSector", frameSize, kTextReadSectorsTimeout, SectorPauseUs()) != 0)
         return -1;
     return CopyPayload(buffer, count * kSectorSize);
 }
@@ -57,7 +60,7 @@ int CFlashHost::WriteSector(unsigned int sector, unsigned char* data, unsigned i
         return -1;
     if (g_Setting.bLogLevel >= 2)
         WriteLogBuf("WriteSector cmd:", data, bytes);
-    return DataPhase("WriteSector", data, bytes, kTextWriteSectorsTimeout, kSectorPauseUs);
+    return DataPhase("WriteSector", data, bytes, kTextWriteSectorsTimeout, SectorPauseUs());
 }
 
 // Every 64 KiB block that meets [address, address + length) is erased. The end is
@@ -75,29 +78,107 @@ int CFlashHost::EraseFlashLength(unsigned int address, unsigned int length)
     return 0;
 }
 
-unsigned int CFlashHost::SectorsPerCommand() const
+void CFlashHost::SetFastLink(bool on)
 {
-    return m_iBaud == kFastSectorRate ? kSectorsPerFastCommand : 1;
+    m_fastLink = on;
+    m_comm.SetFastLink(on);
 }
+
+void CFlashHost::SetSectorsPerCommand(unsigned int count)
+{
+    m_sectorsPerCommand = count;
+}
+
+// Classic: four sectors at exactly 921600, one at every other speed. Fast link: the
+// configured count at every speed from 921600 up (the classic table stops there;
+// the faster rates move more per command, not less), held to what one command can
+// carry in each direction.
+unsigned int CFlashHost::SectorsPerCommand(bool forRead) const
+{
+    if (!m_fastLink)
+        return m_iBaud == kFastSectorRate ? kSectorsPerFastCommand : 1;
+    if (m_iBaud < kFastSectorRate)
+        return 1;
+    unsigned int count = m_sectorsPerCommand == 0 ? kSectorsPerFastCommand : m_sectorsPerCommand;
+    const unsigned int most =
+        forRead ? kMaxReadSectors : static_cast<unsigned int>(kMaxWriteSectorsPerCommand);
+    return std::min(std::max(count, 1u), most);
+}
+
+// The classic link gives the target a fixed 50 ms per sector command; the fast link
+// waits for the reply itself, within the same deadline.
+unsigned int CFlashHost::SectorPauseUs() const
+{
+    return m_fastLink ? 0 : link_timing::kSectorCommandPauseUs;
+}
+
+// One read command for `sectors` sectors of which the caller wants `bytes`: straight
+// into the caller's memory when it wants them all, else through the partial buffer.
+int CFlashHost::ReadPiece(unsigned int sector, unsigned char* dest, unsigned int bytes,
+                          unsigned int sectors)
+{
+    if (bytes == sectors * kSectorSize)
+        return ReadSector(sector, dest, sectors);
+    if (ReadSector(sector, m_partialBuf, sectors) != 0)
+        return -1;
+    memcpy(dest, m_partialBuf, bytes);
+    return 0;
+}
+
+// One write command for `sectors` sectors holding `bytes` of the caller's data: the
+// last sector's rest is the erased value, so flash past the data keeps what it held.
+int CFlashHost::WritePiece(unsigned int sector, unsigned char* data, unsigned int bytes,
+                           unsigned int sectors)
+{
+    if (bytes == sectors * kSectorSize)
+        return WriteSector(sector, data, sectors);
+    memcpy(m_partialBuf, data, bytes);
+    memset(m_partialBuf + bytes, kErasedByte, sectors * kSectorSize - bytes);
+    return WriteSector(sector, m_partialBuf, sectors);
+}
+
+namespace {
+
+// Walks `length` bytes from the sector holding `address` in commands of up to
+// `perCommand` sectors: visit(first sector, offset into the data, bytes, sectors).
+template <typename Visit>
+int ForEachCommand(unsigned int address, unsigned int length, unsigned int perCommand, Visit visit)
+{
+    const unsigned int first = address / kSectorSize;
+    const unsigned int chunk = perCommand * kSectorSize;
+    for (uint64_t offset = 0; offset < length; offset += chunk) {
+        const unsigned int bytes = static_cast<unsigned int>(std::min<uint64_t>(chunk, length - offset));
+        const unsigned int sectors = (bytes + kSectorSize - 1) / kSectorSize;
+        const unsigned int sector = first + static_cast<unsigned int>(offset / kSectorSize);
+        if (visit(sector, static_cast<unsigned int>(offset), bytes, sectors) != 0)
+            return -1;
+    }
+    return 0;
+}
+
+bool AllErased(const unsigned char* bytes, unsigned int count)
+{
+    for (unsigned int i = 0; i < count; ++i) {
+        if (bytes[i] != kErasedByte)
+            return false;
+    }
+    return true;
+}
+
+}  // namespace
 
 // Whole sectors from the one holding `address`, in ascending order, each command
 // acknowledged before the next; the last command carries the rounded-up rest.
 int CFlashHost::TransferLength(SectorCommand command, unsigned int address, unsigned char* data,
                                unsigned int length)
 {
-    const unsigned int perCommand = SectorsPerCommand();
-    const unsigned int chunk = perCommand * kSectorSize;
-    const unsigned int first = address / kSectorSize;
-    const unsigned int full = length / chunk;
-    for (unsigned int i = 0; i < full; ++i) {
-        if ((this->*command)(first + i * perCommand, data + size_t(i) * chunk, perCommand) != 0)
-            return -1;
-    }
-    unsigned int rest = length % chunk;
-    if (rest == 0)
-        return 0;
-    unsigned int restSectors = (rest + kSectorSize - 1) / kSectorSize;
-    return (this->*command)(first + full * perCommand, data + size_t(full) * chunk, restSectors);
+    const bool reading = command == &CFlashHost::ReadSector;
+    return ForEachCommand(address, length, SectorsPerCommand(reading),
+                          [&](unsigned int sector, unsigned int offset, unsigned int bytes,
+                              unsigned int sectors) {
+                              return reading ? ReadPiece(sector, data + offset, bytes, sectors)
+                                             : WritePiece(sector, data + offset, bytes, sectors);
+                          });
 }
 
 int CFlashHost::ReadFlashLength(unsigned int address, unsigned char* buffer, unsigned int length)
@@ -108,4 +189,57 @@ int CFlashHost::ReadFlashLength(unsigned int address, unsigned char* buffer, uns
 int CFlashHost::WriteFlashLength(unsigned int address, unsigned char* data, unsigned int length)
 {
     return TransferLength(&CFlashHost::WriteSector, address, data, length);
+}
+
+int CFlashHost::CompareFlashLength(unsigned int address, const unsigned char* expected,
+                                   unsigned int length, unsigned char* scratch, int* differs)
+{
+    *differs = 0;
+    int walked = ForEachCommand(address, length, SectorsPerCommand(true),
+                                [&](unsigned int sector, unsigned int offset, unsigned int bytes,
+                                    unsigned int sectors) {
+                                    if (ReadPiece(sector, scratch + offset, bytes, sectors) != 0)
+                                        return -1;
+                                    if (memcmp(scratch + offset, expected + offset, bytes) == 0)
+                                        return 0;
+                                    *differs = 1;
+                                    return 1;  // ends the walk: the caller rewrites the range
+                                });
+    return *differs ? 0 : walked;
+}
+
+// Runs of sectors that hold data go out in commands of up to the usual count;
+// sectors that are all 0xFF are skipped, since erased flash already reads so.
+int CFlashHost::WriteFlashLengthAfterErase(unsigned int address, unsigned char* data,
+                                           unsigned int length)
+{
+    const unsigned int perCommand = SectorsPerCommand(false);
+    const unsigned int first = address / kSectorSize;
+    const unsigned int sectorCount = (length + kSectorSize - 1) / kSectorSize;
+    unsigned int runStart = 0;
+    unsigned int runLength = 0;
+    auto flush = [&]() {
+        if (runLength == 0)
+            return 0;
+        const uint64_t offset = uint64_t(runStart) * kSectorSize;
+        const unsigned int bytes =
+            static_cast<unsigned int>(std::min<uint64_t>(uint64_t(runLength) * kSectorSize, length - offset));
+        int result = WritePiece(first + runStart, data + offset, bytes, runLength);
+        runLength = 0;
+        return result;
+    };
+    for (unsigned int s = 0; s < sectorCount; ++s) {
+        const uint64_t offset = uint64_t(s) * kSectorSize;
+        const unsigned int bytes = static_cast<unsigned int>(std::min<uint64_t>(kSectorSize, length - offset));
+        if (AllErased(data + offset, bytes)) {
+            if (flush() != 0)
+                return -1;
+            continue;
+        }
+        if (runLength == 0)
+            runStart = s;
+        if (++runLength == perCommand && flush() != 0)
+            return -1;
+    }
+    return flush();
 }

@@ -1,68 +1,34 @@
-// The serial port: a raw 8N1 line on a non-blocking descriptor, exact-length reads by
-// polling.
+// The serial port: a raw 8N1 line on a non-blocking descriptor, writes that hand
+// over every byte, and exact-length reads by polling (or, on the fast link, by
+// waiting on the line).
 #include "serial/CCommU.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/file.h>
 #include <termios.h>
 #include <unistd.h>
 
-namespace {
+#include "common/link_timing.h"
 
-// A reply is awaited for at most this many reads, with one poll interval of sleep
-// after each: about 0.5 s at 921600 bit/s and about 2 s at every other rate.
-const int kReadAttempts = 101;
-const unsigned int kFastPollUs = 5000;
-const unsigned int kSlowPollUs = 20000;
-const unsigned int kFastPollRate = 921600;
+namespace {
 
 // The most one ReadMsg call accepts: a reply header and its largest payload.
 const unsigned int kMaxReadLength = 8196;
 
 const unsigned int kReadTimedOut = 0xFFFFFFFFu;
 
-bool LineHungUp(int fd)
+uint64_t NowUs()
 {
-    pollfd p = {fd, POLLIN, 0};
-    return poll(&p, 1, 0) > 0 && (p.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0;
+    using namespace std::chrono;
+    return static_cast<uint64_t>(
+        duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count());
 }
 
-// Keeps other processes off the device while it is open. Where open() cannot take
-// the lock itself, flock() takes it at once afterwards; either way a second
-// instance fails immediately instead of waiting, since nothing here blocks.
-bool TakeExclusiveLock(int fd)
+bool WouldBlock(int error)
 {
-#ifdef O_EXLOCK
-    (void)fd;  // taken by open()
-    return true;
-#else
-    return flock(fd, LOCK_EX | LOCK_NB) == 0;
-#endif
-}
-
-int OpenDevice(const char* path)
-{
-    int flags = O_RDWR | O_NONBLOCK | O_NOCTTY;
-#ifdef O_EXLOCK
-    flags |= O_EXLOCK;
-#endif
-    int fd = open(path, flags);
-    if (fd == 0) {
-        // A descriptor of 0 would read as "no device open": move it up. The lock
-        // belongs to the open file, so it travels with the copy.
-        int moved = fcntl(fd, F_DUPFD, 1);
-        close(fd);
-        fd = moved;
-    }
-    if (fd > 0 && !TakeExclusiveLock(fd)) {
-        close(fd);
-        fd = -1;
-    }
-    return fd;
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
 
 void PrintRateList()
@@ -71,6 +37,22 @@ void PrintRateList()
     for (int i = 0; i < kRateTableSize; ++i)
         printf("%u ", name_arr[i]);
     printf("\r\n\r\n");
+}
+
+// One line on the error stream after the open failure: what the system said and,
+// for the two causes users meet most, what to do about it. Standard output keeps
+// exactly the classic line.
+void ExplainOpenFailure(const char* path, int error)
+{
+    fprintf(stderr, "%s: %s\n", path, strerror(error));
+    if (error == EACCES)
+        fprintf(stderr, "hint: your user may not be in the group that owns %s (often "
+                        "dialout): sudo usermod -aG dialout $USER, then log in again\n",
+                path);
+    else if (error == EBUSY || error == EWOULDBLOCK)
+        fprintf(stderr, "hint: another program holds %s; close it (a terminal program, "
+                        "a modem manager, another kestrelQT_u) and try again\n",
+                path);
 }
 
 }  // namespace
@@ -82,6 +64,17 @@ CCommU::CCommU() : iFd(0), iSpeed(0), iBaudRate(0), RecvBuf() {}
 CCommU::~CCommU()
 {
     UART_Close();
+}
+
+void CCommU::UsePort(BytePort* port)
+{
+    UART_Close();
+    m_port = port ? port : &m_tty;
+}
+
+void CCommU::SetFastLink(bool on)
+{
+    m_fastLink = on;
 }
 
 void CCommU::SelectRate(unsigned int baud)
@@ -100,39 +93,40 @@ void CCommU::SelectRate(unsigned int baud)
     iBaudRate = 115200;
 }
 
-unsigned int CCommU::PollIntervalUs() const
-{
-    return iBaudRate == kFastPollRate ? kFastPollUs : kSlowPollUs;
-}
-
 void CCommU::set_termios(int fd, int speed)
 {
-    termios current;
-    if (tcgetattr(fd, &current) != 0)
-        return;  // not a terminal (or gone): leave it as it is
+    TtyPort::ConfigureRaw(fd, speed);
+}
 
-    // Raw 8N1: no input, output or local processing, no flow control, modem lines
-    // ignored; VMIN and VTIME 0 so that a read returns at once with what is there.
-    termios raw;
-    memset(&raw, 0, sizeof raw);
-    raw.c_cflag = CS8 | CREAD | CLOCAL;
-    cfsetispeed(&raw, static_cast<speed_t>(speed));
-    cfsetospeed(&raw, static_cast<speed_t>(speed));
-    tcflush(fd, TCIOFLUSH);
-    tcsetattr(fd, TCSANOW, &raw);
+// Classic behaviour ignores whether the device took the rate. The fast link does
+// not: a line at another speed than the target's only produces garbage, so a rate
+// the adapter refuses is an error there, reported with the rate and the device.
+int CCommU::ApplyRate(const char* what)
+{
+    if (m_port->Configure(iSpeed, iBaudRate) == 0 || !m_fastLink)
+        return 0;
+    printf("ERR: %s: the serial port %s does not take %u bit/s!\r\n", what, strPortName.c_str(),
+           iBaudRate);
+    return -1;
 }
 
 int CCommU::Uart_Init(char* path, unsigned int baud)
 {
     strPortName = path;
     SelectRate(baud);
-    iFd = OpenDevice(path);
+    m_lineLost = false;
+    iOpenErrno = 0;
+    iFd = m_port->Open(path);
     if (iFd < 0) {
+        iOpenErrno = errno;
         printf("ERR: can't open serial port:%s!\r\n", path);
+        fflush(stdout);
+        ExplainOpenFailure(path, iOpenErrno);
         return -1;
     }
-    set_termios(iFd, iSpeed);
-    return 0;
+    if (m_fastLink)
+        m_port->SetLowLatency();
+    return ApplyRate("open");
 }
 
 int CCommU::ChangeUartBaud(unsigned int baud)
@@ -140,31 +134,72 @@ int CCommU::ChangeUartBaud(unsigned int baud)
     SelectRate(baud);
     // Descriptor 0 means no device: never reconfigure whatever else sits there.
     if (iFd > 0)
-        set_termios(iFd, iSpeed);
+        return ApplyRate("speed change");
     return 0;
 }
 
+// Every byte goes out, or the call fails. A USB adapter's driver takes a few KiB at
+// a time: a write may take only part of the bytes, or fail with EAGAIN while its
+// FIFO is full. Then the port waits until it can take more, within twice the
+// bytes' time on the wire plus a margin. Past that deadline the result is 0, as for
+// a write that took nothing, so callers report their usual failure texts; a hard
+// error (EIO after an unplug) returns -1 at once. When the first write takes
+// everything, the result and the bytes on the wire are exactly the single write's.
 int CCommU::WriteMsg(unsigned char* buf, unsigned int len)
 {
     if (iFd <= 0)
         return 0;
-    return static_cast<int>(write(iFd, buf, len));
+    if (len == 0)
+        return static_cast<int>(m_port->Write(buf, 0));
+    const uint64_t deadline = NowUs() + link_timing::WriteDeadlineUs(len, iBaudRate);
+    unsigned int sent = 0;
+    int refusedInARow = 0;
+    while (sent < len) {
+        long n = m_port->Write(buf + sent, len - sent);
+        if (n > 0) {
+            sent += static_cast<unsigned int>(n);
+            refusedInARow = 0;
+            continue;
+        }
+        if (n < 0 && !WouldBlock(errno)) {
+            m_lineLost = true;
+            return -1;
+        }
+        const uint64_t now = NowUs();
+        if (now >= deadline)
+            return 0;
+        if (m_port->Wait(true, static_cast<unsigned int>(deadline - now)) < 0) {
+            m_lineLost = true;
+            return -1;
+        }
+        // A driver that says it has room and then refuses again must not turn the
+        // wait into a busy loop.
+        if (++refusedInARow > 1)
+            usleep(1000);
+    }
+    return static_cast<int>(len);
 }
 
 CCommU::ReadOutcome CCommU::ReadSome(unsigned char* dest, unsigned int wanted, unsigned int* got)
 {
     *got = 0;
-    ssize_t n = read(iFd, dest, wanted);
+    long n = m_port->Read(dest, wanted);
     if (n > 0) {
         *got = static_cast<unsigned int>(n);
         return kReadData;
     }
-    if (n < 0)
-        return (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) ? kReadNothing
-                                                                          : kReadFailed;
-    // With VMIN and VTIME 0 an idle line also reads 0 bytes; only a hang-up that
-    // poll() reports makes it a failure.
-    return LineHungUp(iFd) ? kReadFailed : kReadNothing;
+    if (n < 0 && !WouldBlock(errno)) {
+        m_lineLost = true;
+        return kReadFailed;
+    }
+    // With VMIN and VTIME 0 an idle line also reads nothing; only a hang-up that
+    // the port reports makes it a failure (and keeps a waiting read from spinning
+    // on a line that reports itself ready for ever).
+    if (m_port->Wait(false, 0) < 0) {
+        m_lineLost = true;
+        return kReadFailed;
+    }
+    return kReadNothing;
 }
 
 // A read that fails (adapter unplugged, the other end of the line gone) ends the
@@ -177,20 +212,51 @@ unsigned int CCommU::ReadMsg(unsigned char* buf, unsigned int len)
     if (len > kMaxReadLength) {
         // Can never succeed: take the bytes that are waiting and fail now rather
         // than after the full wait.
-        tcflush(iFd, TCIOFLUSH);
+        m_port->Flush();
         return kReadTimedOut;
     }
+    return m_fastLink ? ReadWaiting(buf, len) : ReadPolled(buf, len);
+}
+
+// At most 101 reads with a fixed sleep after each: about 0.5 s at 921600, 2 s at
+// every other rate.
+unsigned int CCommU::ReadPolled(unsigned char* buf, unsigned int len)
+{
     unsigned int received = 0;
-    for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
+    for (int attempt = 0; attempt < link_timing::kReplyPolls; ++attempt) {
         unsigned int got = 0;
         if (ReadSome(buf + received, len - received, &got) == kReadFailed)
             return kReadTimedOut;
         received += got;
         if (received == len)
             return 0;
-        usleep(PollIntervalUs());
+        usleep(link_timing::PollIntervalUs(iBaudRate));
     }
-    tcflush(iFd, TCIOFLUSH);
+    m_port->Flush();
+    return kReadTimedOut;
+}
+
+// The same total deadline, but the line is waited on and read the moment bytes
+// arrive, so a reply costs its wire time and not a poll interval on top.
+unsigned int CCommU::ReadWaiting(unsigned char* buf, unsigned int len)
+{
+    const uint64_t deadline = NowUs() + link_timing::ReplyDeadlineUs(iBaudRate);
+    unsigned int received = 0;
+    for (;;) {
+        unsigned int got = 0;
+        if (ReadSome(buf + received, len - received, &got) == kReadFailed)
+            return kReadTimedOut;
+        received += got;
+        if (received == len)
+            return 0;
+        const uint64_t now = NowUs();
+        if (now >= deadline)
+            break;
+        // A hang-up is not final here: the next read takes any bytes still
+        // buffered and fails only when there are none.
+        m_port->Wait(false, static_cast<unsigned int>(deadline - now));
+    }
+    m_port->Flush();
     return kReadTimedOut;
 }
 
@@ -204,8 +270,14 @@ void CCommU::DrainInput()
     if (iFd <= 0)
         return;
     unsigned char scratch[256];
-    for (int round = 0; round < kReadAttempts; ++round) {
-        usleep(PollIntervalUs());
+    const unsigned int quietUs = link_timing::PollIntervalUs(iBaudRate);
+    for (int round = 0; round < link_timing::kReplyPolls; ++round) {
+        if (m_fastLink) {
+            if (m_port->Wait(false, quietUs) <= 0)
+                return;  // quiet for one interval, or gone
+        } else {
+            usleep(quietUs);
+        }
         bool quiet = true;
         unsigned int got = 0;
         while (ReadSome(scratch, sizeof scratch, &got) == kReadData)
@@ -218,6 +290,6 @@ void CCommU::DrainInput()
 void CCommU::UART_Close()
 {
     if (iFd > 0)
-        close(iFd);
+        m_port->Close();
     iFd = 0;
 }

@@ -3,6 +3,8 @@
 #pragma once
 #include <string>
 
+#include "serial/tty_port.h"
+
 // Size of the reply buffer that the flash host reads replies into: a 12-byte
 // header plus 8,190 payload bytes.
 enum { kReplyBufferSize = 8202 };
@@ -27,6 +29,22 @@ public:
     unsigned int ReadMsgNoLen(unsigned char* buf, unsigned int len);
     void UART_Close();
 
+    // The byte port under this serial port: nullptr (the default) is the built-in
+    // terminal port; tests and fuzzers hand in a port of their own. Only while the
+    // port is closed.
+    void UsePort(BytePort* port);
+
+    // The fast link: replies are awaited by waiting on the line and read the moment
+    // they arrive (within the same total deadline as the polled reads), the
+    // adapter's low-latency mode is asked for, and a rate the adapter refuses is an
+    // error. Off by default; then every read, wait and result is the classic one.
+    void SetFastLink(bool on);
+    bool GetFastLink() const { return m_fastLink; }
+
+    // True once a read or a write failed in a way the line does not recover from
+    // (unplugged adapter, hang-up), until the next Uart_Init.
+    bool LineLost() const { return m_lineLost; }
+
     // Reads and throws away whatever arrives until the line has been quiet for one
     // poll interval (bounded like ReadMsg), so that the rest of a reply that was
     // refused cannot be taken for the start of the next one.
@@ -37,10 +55,19 @@ public:
     int iSpeed;                // terminal speed constant in use
     unsigned int iBaudRate;    // numeric rate in use
     unsigned char RecvBuf[kReplyBufferSize];  // filled by the flash host, never by the port
+    int iOpenErrno = 0;        // why the last Uart_Init could not open the device
 
 private:
     void SelectRate(unsigned int baud);
+    int ApplyRate(const char* what);
+    unsigned int ReadPolled(unsigned char* buf, unsigned int len);
+    unsigned int ReadWaiting(unsigned char* buf, unsigned int len);
     unsigned int PollIntervalUs() const;
     enum ReadOutcome { kReadData, kReadNothing, kReadFailed };
     ReadOutcome ReadSome(unsigned char* dest, unsigned int wanted, unsigned int* got);
+
+    TtyPort m_tty;
+    BytePort* m_port = &m_tty;
+    bool m_fastLink = false;
+    bool m_lineLost = false;
 };

@@ -62,7 +62,13 @@ ProcessResult UpgradeBench::Run(const std::vector<std::string>& toolArgs,
     options.stdinText = stdinText;
     options.keepStdinOpen = keepConsoleOpen;
     options.timeoutSeconds = 60;
-    ProcessResult result = RunProcess(ToolPath(), args, options);
+    std::string program = ToolPath();
+    if (!toolLauncher.empty()) {
+        args.insert(args.begin(), program);
+        args.insert(args.begin(), toolLauncher.begin() + 1, toolLauncher.end());
+        program = toolLauncher.front();
+    }
+    ProcessResult result = RunProcess(program, args, options);
     sim.Stop();
     return result;
 }

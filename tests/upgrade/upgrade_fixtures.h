@@ -39,6 +39,10 @@ public:
                       const std::vector<std::string>& simArgs = {},
                       const std::string& stdinText = "", bool keepConsoleOpen = false);
 
+    // When set, the tool is started through this command (for example
+    // {"/usr/bin/env", "LD_PRELOAD=..."}), with the tool's path and arguments after it.
+    std::vector<std::string> toolLauncher;
+
     const Bytes& InitialFlash() const { return m_initialFlash; }
     Bytes Flash() const { return ReadFileBytes(Path("flash.bin")); }
     std::string Trace() const

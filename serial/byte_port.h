@@ -1,0 +1,32 @@
+// The byte port under the serial port: the few system operations CCommU needs,
+// behind one interface, so the protocol above can be driven without a terminal
+// (tests, fuzzing) and the terminal code stays in one place.
+#pragma once
+#include <cstddef>
+
+class BytePort {
+public:
+    virtual ~BytePort() = default;
+
+    // Opens the device: a positive handle, or -1 with errno set (ENOENT, EACCES,
+    // EBUSY or EWOULDBLOCK when another program holds it, ...).
+    virtual int Open(const char* path) = 0;
+    virtual void Close() = 0;
+    // Raw 8N1 at the terminal speed constant `speed` (numeric rate `baud`), both
+    // queues discarded. 0 when the line runs at that speed; -1 when the device
+    // refused it (or is no terminal).
+    virtual int Configure(int speed, unsigned int baud) = 0;
+    // Discards unread input and unsent output.
+    virtual void Flush() = 0;
+    // As read(2) and write(2) on a non-blocking descriptor: bytes moved, 0, or -1
+    // with errno (EAGAIN, EINTR, EIO, ...).
+    virtual long Read(unsigned char* buf, size_t len) = 0;
+    virtual long Write(const unsigned char* buf, size_t len) = 0;
+    // Waits up to timeoutUs until bytes can be read (or, with forWrite, written):
+    // 1 ready, 0 timed out, -1 when the line hung up or failed.
+    virtual int Wait(bool forWrite, unsigned int timeoutUs) = 0;
+    // Asks the driver to pass received bytes on at once instead of holding them for
+    // its latency timer; refused quietly where the driver does not allow it. The
+    // previous setting comes back at Close.
+    virtual void SetLowLatency() {}
+};

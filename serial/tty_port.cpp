@@ -1,0 +1,164 @@
+#include "serial/tty_port.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+#ifdef __linux__
+#include <linux/serial.h>
+#endif
+
+namespace {
+
+// Keeps other processes off the device while it is open. Where open() cannot take
+// the lock itself, flock() takes it at once afterwards; either way a second
+// instance fails immediately instead of waiting, since nothing here blocks.
+bool TakeExclusiveLock(int fd)
+{
+#ifdef O_EXLOCK
+    (void)fd;  // taken by open()
+    return true;
+#else
+    return flock(fd, LOCK_EX | LOCK_NB) == 0;
+#endif
+}
+
+}  // namespace
+
+TtyPort::~TtyPort()
+{
+    Close();
+}
+
+int TtyPort::Open(const char* path)
+{
+    Close();
+    int flags = O_RDWR | O_NONBLOCK | O_NOCTTY;
+#ifdef O_EXLOCK
+    flags |= O_EXLOCK;
+#endif
+    int fd = open(path, flags);
+    if (fd == 0) {
+        // A handle of 0 would read as "no device open": move it up. The lock
+        // belongs to the open file, so it travels with the copy.
+        int moved = fcntl(fd, F_DUPFD, 1);
+        int saved = errno;
+        close(fd);
+        errno = saved;
+        fd = moved;
+    }
+    if (fd > 0 && !TakeExclusiveLock(fd)) {
+        int saved = errno;
+        close(fd);
+        errno = saved;
+        fd = -1;
+    }
+    m_fd = fd;
+    return fd > 0 ? fd : -1;
+}
+
+void TtyPort::Close()
+{
+    if (m_fd <= 0)
+        return;
+    RestoreLatency();
+    close(m_fd);
+    m_fd = -1;
+}
+
+int TtyPort::ConfigureRaw(int fd, int speed)
+{
+    termios current;
+    if (tcgetattr(fd, &current) != 0)
+        return -1;  // not a terminal (or gone): leave it as it is
+
+    // Raw 8N1: no input, output or local processing, no flow control, modem lines
+    // ignored; VMIN and VTIME 0 so that a read returns at once with what is there.
+    termios raw;
+    memset(&raw, 0, sizeof raw);
+    raw.c_cflag = CS8 | CREAD | CLOCAL;
+    int result = 0;
+    if (cfsetispeed(&raw, static_cast<speed_t>(speed)) != 0 ||
+        cfsetospeed(&raw, static_cast<speed_t>(speed)) != 0)
+        result = -1;
+    tcflush(fd, TCIOFLUSH);
+    if (tcsetattr(fd, TCSANOW, &raw) != 0)
+        result = -1;
+    // tcsetattr succeeds when any one change was made: only reading the speed back
+    // shows whether the driver took this one.
+    termios applied;
+    if (result == 0 && (tcgetattr(fd, &applied) != 0 ||
+                        cfgetospeed(&applied) != static_cast<speed_t>(speed)))
+        result = -1;
+    return result;
+}
+
+int TtyPort::Configure(int speed, unsigned int)
+{
+    return ConfigureRaw(m_fd, speed);
+}
+
+void TtyPort::Flush()
+{
+    tcflush(m_fd, TCIOFLUSH);
+}
+
+long TtyPort::Read(unsigned char* buf, size_t len)
+{
+    return static_cast<long>(read(m_fd, buf, len));
+}
+
+long TtyPort::Write(const unsigned char* buf, size_t len)
+{
+    return static_cast<long>(write(m_fd, buf, len));
+}
+
+int TtyPort::Wait(bool forWrite, unsigned int timeoutUs)
+{
+    pollfd p = {m_fd, static_cast<short>(forWrite ? POLLOUT : POLLIN), 0};
+    // Rounded up, so a short wait is never a busy spin of zero-millisecond polls.
+    int ms = static_cast<int>((timeoutUs + 999) / 1000);
+    int n = poll(&p, 1, ms);
+    if (n < 0)
+        return errno == EINTR ? 0 : -1;
+    if (n == 0)
+        return 0;
+    // A hung-up terminal also reports itself readable; bytes still buffered are
+    // read by the caller's next read, which then returns 0 or fails.
+    if (p.revents & (POLLHUP | POLLERR | POLLNVAL))
+        return -1;
+    return 1;
+}
+
+void TtyPort::SetLowLatency()
+{
+#if defined(__linux__) && defined(TIOCGSERIAL) && defined(ASYNC_LOW_LATENCY)
+    serial_struct info;
+    if (m_latencyChanged || ioctl(m_fd, TIOCGSERIAL, &info) != 0)
+        return;  // not a serial driver that has the flag (a pseudo-terminal, say)
+    if (info.flags & ASYNC_LOW_LATENCY)
+        return;
+    m_savedSerialFlags = info.flags;
+    info.flags |= ASYNC_LOW_LATENCY;
+    if (ioctl(m_fd, TIOCSSERIAL, &info) == 0)
+        m_latencyChanged = true;  // refusal (no permission) is ignored
+#endif
+}
+
+void TtyPort::RestoreLatency()
+{
+#if defined(__linux__) && defined(TIOCGSERIAL)
+    if (!m_latencyChanged)
+        return;
+    serial_struct info;
+    if (ioctl(m_fd, TIOCGSERIAL, &info) == 0) {
+        info.flags = m_savedSerialFlags;
+        ioctl(m_fd, TIOCSSERIAL, &info);
+    }
+    m_latencyChanged = false;
+#endif
+}

@@ -1,0 +1,221 @@
+// The serial port over ports that behave like real USB adapters: writes taken in
+// pieces or refused while the FIFO is full, reads that fail after an unplug, rates
+// the adapter refuses, devices that cannot be opened.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <fcntl.h>
+#include <poll.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "serial/CCommU.h"
+#include "serial/memory_port.h"
+
+namespace {
+
+const unsigned int kTimedOut = 0xFFFFFFFFu;
+
+std::vector<unsigned char> Pattern(size_t count)
+{
+    std::vector<unsigned char> bytes(count);
+    for (size_t i = 0; i < count; ++i)
+        bytes[i] = static_cast<unsigned char>(i * 31 + (i >> 8));
+    return bytes;
+}
+
+int OpenOn(CCommU& port, MemoryPort& memory, unsigned int baud = 921600)
+{
+    port.UsePort(&memory);
+    char path[] = "/dev/memory";
+    return port.Uart_Init(path, baud);
+}
+
+// The write end of a pipe as a byte port: the kernel takes what fits and refuses
+// the rest with EAGAIN, as an adapter's driver does with its FIFO.
+class PipePort : public BytePort {
+public:
+    explicit PipePort(int fd) : m_fd(fd) {}
+    int Open(const char*) override { return m_fd; }
+    void Close() override {}
+    int Configure(int, unsigned int) override { return 0; }
+    void Flush() override {}
+    long Read(unsigned char*, size_t) override { errno = EAGAIN; return -1; }
+    long Write(const unsigned char* buf, size_t len) override { return write(m_fd, buf, len); }
+    int Wait(bool forWrite, unsigned int timeoutUs) override
+    {
+        pollfd p = {m_fd, static_cast<short>(forWrite ? POLLOUT : POLLIN), 0};
+        int n = poll(&p, 1, static_cast<int>((timeoutUs + 999) / 1000));
+        return n < 0 ? -1 : n;
+    }
+
+private:
+    int m_fd;
+};
+
+// The boot-loader upload (5,868 bytes) through a 4 KiB pipe drained slowly: every
+// byte arrives, in order, and the write reports all of them.
+TEST(SerialWritePath, LongWriteThroughASmallSlowlyDrainedFifoArrivesWhole)
+{
+    int fds[2];
+    ASSERT_EQ(0, pipe(fds));
+    ASSERT_GE(fcntl(fds[1], F_SETPIPE_SZ, 4096), 4096);
+    ASSERT_EQ(0, fcntl(fds[1], F_SETFL, O_NONBLOCK));
+    const std::vector<unsigned char> sent = Pattern(5868 * 2);
+    std::vector<unsigned char> received;
+    std::thread reader([&] {
+        unsigned char chunk[512];
+        while (received.size() < sent.size()) {
+            ssize_t n = read(fds[0], chunk, sizeof chunk);
+            if (n <= 0)
+                break;
+            received.insert(received.end(), chunk, chunk + n);
+            usleep(2000);  // the line drains the FIFO at its own pace
+        }
+    });
+    PipePort pipePort(fds[1]);
+    CCommU port;
+    port.UsePort(&pipePort);
+    char path[] = "pipe";
+    ASSERT_EQ(0, port.Uart_Init(path, 921600));
+    std::vector<unsigned char> copy = sent;
+    EXPECT_EQ(static_cast<int>(sent.size()), port.WriteMsg(copy.data(), copy.size()));
+    reader.join();
+    EXPECT_TRUE(received == sent);
+    close(fds[0]);
+    close(fds[1]);
+}
+
+TEST(SerialWritePath, PartialWritesAndTransientErrorsAreFinishedHardErrorsAreNot)
+{
+    struct Case {
+        const char* name;
+        size_t maxWrite;
+        std::vector<int> errors;
+        bool neverWritable;
+        int expected;  // -2: the whole length
+        bool lineLost;
+    };
+    const Case cases[] = {
+        {"taken at once", static_cast<size_t>(-1), {}, false, -2, false},
+        {"taken 1000 bytes at a time", 1000, {}, false, -2, false},
+        {"FIFO full twice, then room", 4096, {0, EAGAIN, EAGAIN}, false, -2, false},
+        {"interrupted by a signal", static_cast<size_t>(-1), {EINTR}, false, -2, false},
+        {"unplugged before the first byte", static_cast<size_t>(-1), {EIO}, false, -1, true},
+        {"unplugged after the first piece", 4096, {0, EIO}, false, -1, true},
+        {"FIFO never drains", 100, {0, EAGAIN, EAGAIN, EAGAIN, EAGAIN, EAGAIN, EAGAIN, EAGAIN,
+                                    EAGAIN, EAGAIN, EAGAIN, EAGAIN, EAGAIN, EAGAIN, EAGAIN},
+         true, 0, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        MemoryPort memory;
+        memory.maxWrite = c.maxWrite;
+        memory.writeErrors.assign(c.errors.begin(), c.errors.end());
+        if (c.neverWritable) {
+            // Room for 100 bytes, then never again until the deadline passes.
+            memory.writeErrors.resize(100000, EAGAIN);
+            memory.writableNever = true;
+        }
+        CCommU port;
+        ASSERT_EQ(0, OpenOn(port, memory));
+        std::vector<unsigned char> data = Pattern(5868);
+        const int result = port.WriteMsg(data.data(), data.size());
+        EXPECT_EQ(c.expected == -2 ? 5868 : c.expected, result);
+        if (c.expected == -2) {
+            EXPECT_TRUE(memory.written == data);
+        }
+        EXPECT_EQ(c.lineLost, port.LineLost());
+    }
+}
+
+TEST(SerialReadPath, UnplugEndsTheReadAtOnceAndMarksTheLineLost)
+{
+    struct Case {
+        const char* name;
+        bool fast;
+        bool hangUp;
+    };
+    for (const Case& c : {Case{"EIO, polled", false, false}, Case{"EIO, fast link", true, false},
+                          Case{"hang-up, polled", false, true}, Case{"hang-up, fast link", true, true}}) {
+        SCOPED_TRACE(c.name);
+        MemoryPort memory;
+        if (c.hangUp) {
+            memory.hungUp = true;
+            memory.readErrors.assign(3, EAGAIN);
+        } else {
+            memory.readErrors.assign(1, EIO);
+        }
+        CCommU port;
+        port.SetFastLink(c.fast);
+        ASSERT_EQ(0, OpenOn(port, memory, 115200));
+        unsigned char buf[12];
+        EXPECT_EQ(kTimedOut, port.ReadMsg(buf, 12));
+        EXPECT_TRUE(port.LineLost());
+        // Not one poll per interval for two seconds: the failure ends the read.
+        EXPECT_LE(memory.readCalls, 4u);
+    }
+}
+
+TEST(SerialReadPath, FastLinkAssemblesAReplyArrivingInPieces)
+{
+    MemoryPort memory;
+    memory.maxRead = 5;
+    const std::vector<unsigned char> reply = Pattern(2060);
+    memory.Feed(reply.data(), reply.size());
+    CCommU port;
+    port.SetFastLink(true);
+    ASSERT_EQ(0, OpenOn(port, memory));
+    std::vector<unsigned char> buf(reply.size());
+    EXPECT_EQ(0u, port.ReadMsg(buf.data(), buf.size()));
+    EXPECT_TRUE(buf == reply);
+    EXPECT_FALSE(port.LineLost());
+}
+
+// The classic line goes on whatever the device says; the fast link refuses to run
+// at a speed the adapter did not take.
+TEST(SerialRates, ARefusedRateFailsOnlyOnTheFastLink)
+{
+    for (bool fast : {false, true}) {
+        SCOPED_TRACE(fast ? "fast link" : "classic");
+        MemoryPort memory;
+        memory.refusedRates = {230400};
+        CCommU port;
+        port.SetFastLink(fast);
+        ASSERT_EQ(0, OpenOn(port, memory, 115200));
+        testing::internal::CaptureStdout();
+        const int result = port.ChangeUartBaud(230400);
+        const std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(fast ? -1 : 0, result);
+        EXPECT_EQ(fast, out.find("does not take 230400 bit/s") != std::string::npos) << out;
+    }
+}
+
+TEST(SerialOpen, TheCauseOfAFailedOpenGoesToTheErrorStreamWithAHint)
+{
+    struct Case {
+        int error;
+        const char* hint;
+    };
+    const Case cases[] = {{ENOENT, nullptr}, {EACCES, "dialout"}, {EBUSY, "another program"},
+                          {EWOULDBLOCK, "another program"}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.error);
+        MemoryPort memory;
+        memory.openErrno = c.error;
+        CCommU port;
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(-1, OpenOn(port, memory));
+        const std::string out = testing::internal::GetCapturedStdout();
+        const std::string err = testing::internal::GetCapturedStderr();
+        EXPECT_EQ("ERR: can't open serial port:/dev/memory!\r\n", out);
+        EXPECT_NE(std::string::npos, err.find(strerror(c.error))) << err;
+        EXPECT_EQ(c.hint != nullptr, c.hint && err.find(c.hint) != std::string::npos) << err;
+        EXPECT_EQ(c.error, port.iOpenErrno);
+    }
+}
+
+}  // namespace
