@@ -1,6 +1,7 @@
 // The settings record and its loader.
 #include "frontend/Setting.h"
 
+#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -57,6 +58,19 @@ uint32_t DebugOpFromText(const char* text)
     }
 }
 
+// Sectors per fast-link command: 1 to 15 (a reply buffer holds 15 sectors). A value
+// outside that range is reported on the error stream and the default (4, stored
+// as 0) is used: a typo in the file must not stop a production line, nor send
+// commands the target refuses.
+uint32_t LoadSectorsPerCommand(char* path)
+{
+    const int value = LoadInt(path, "setting", "iSectorsPerCommand", 0);
+    if (value == 0 || (value >= 1 && value <= 15))
+        return static_cast<uint32_t>(value);
+    std::fprintf(stderr, "iSectorsPerCommand=%d is not 1 to 15; using 4\n", value);
+    return 0;
+}
+
 void GetDefaultSettings(char* path)
 {
     // The text fields are cleared first: the reader leaves a found but empty
@@ -83,6 +97,11 @@ void GetDefaultSettings(char* path)
     g_Setting.iAddress = LoadHex(path, "debug", "iAddress", 0.0f);
     g_Setting.iLength = LoadHex(path, "debug", "iLength", 512.0f);
     g_Setting.iDebugOp = LoadDebugOp(path);
+
+    // Keys beyond the classic set, all off by default.
+    g_Setting.bFastLink = LoadFlag(path, "bFastLink", 0);
+    g_Setting.bExitCode = LoadFlag(path, "bExitCode", 0);
+    g_Setting.iSectorsPerCommand = LoadSectorsPerCommand(path);
 }
 
 // Longer text is cut at 259 characters so that the field stays terminated.

@@ -2,12 +2,17 @@
 // report and takes exactly one road.
 #include "frontend/driver.h"
 
+#include <chrono>
 #include <cstdio>
+#include <memory>
+#include <unistd.h>
 #include <string>
 
 #include "flashhost/CFlashHost.h"
 #include "frontend/Setting.h"
 #include "frontend/options.h"
+#include "frontend/run_sinks.h"
+#include "common/run_report.h"
 #include "frontend/upgrade_start.h"
 #include "image/FwParser.h"
 #include "upgrade/UpGrade.h"
@@ -75,22 +80,26 @@ void PrintBanner(const char* title)
 }
 
 // Parses one image and prints its report; the parser keeps nothing afterwards.
-void ReportImage(FwParser& parser, const char* path)
+// True when the image is valid.
+bool ReportImage(FwParser& parser, const char* path)
 {
     parser.SetFilePath(path);
-    parser.Parse();
+    const bool valid = parser.Parse() == 0;
     std::printf("%s", parser.GetFwInfo().c_str());
     parser.FreeParser();
+    return valid;
 }
 
-// -s: the report on both images. It never fails: a missing or damaged image shows
-// in the report text.
+// -s: the report on both images. Its status is always 0: a missing or damaged
+// image shows in the report text (and, for --exit-code, in the outcome).
 int InformationRoad()
 {
     PrintBanner("                firmware information             ");
-    ReportImage(g_fwParser, g_Setting.strImagePath);
+    const bool mainValid = ReportImage(g_fwParser, g_Setting.strImagePath);
     PrintBanner("             ETF firmware information            ");
-    ReportImage(g_etfFwParser, g_Setting.strEtfImagePath);
+    const bool etfValid = ReportImage(g_etfFwParser, g_Setting.strEtfImagePath);
+    if (!mainValid || !etfValid)
+        run_report::NoteFailure(run_report::Outcome::kImage);
     return 0;
 }
 
@@ -112,6 +121,76 @@ int CombineRoad()
     return CombineImage();
 }
 
+// The end of every road: the classic exit status, or with --exit-code the outcome
+// class; with --json the result line.
+class Conclusion {
+public:
+    Conclusion() : m_started(std::chrono::steady_clock::now()) {}
+
+    void UseJson(std::FILE* out) { m_json.reset(new JsonSink(out)); }
+    JsonSink* Json() { return m_json.get(); }
+
+    int Finish(int classicStatus, bool succeeded, const std::string& successText)
+    {
+        run_report::SetSink(nullptr);
+        const run_report::Outcome recorded = run_report::RecordedOutcome();
+        int code = 0;
+        std::string message = successText;
+        if (!succeeded) {
+            code = static_cast<int>(recorded == run_report::Outcome::kSuccess ? run_report::Outcome::kOther
+                                                                             : recorded);
+            message = OutcomeName(static_cast<run_report::Outcome>(code));
+            const std::string& detail = g_flashHost.m_strMsg;
+            if (!detail.empty() && detail != "Operation OK !")
+                message += ": " + detail;
+        }
+        if (m_json) {
+            const std::chrono::duration<double> took = std::chrono::steady_clock::now() - m_started;
+            m_json->Result(code, message, took.count());
+        }
+        return g_Setting.bExitCode ? code : classicStatus;
+    }
+
+private:
+    std::chrono::steady_clock::time_point m_started;
+    std::unique_ptr<JsonSink> m_json;
+};
+
+// --json: standard output carries only JSON lines. The real standard output is kept
+// for them, and descriptor 1 becomes the error stream, so every line of human text
+// (ours or a library's) goes there. Nothing is lost if this fails: the run goes on
+// with text on standard output.
+std::FILE* DivertTextToStderr()
+{
+    std::fflush(stdout);
+    int jsonFd = dup(STDOUT_FILENO);
+    if (jsonFd < 0)
+        return nullptr;
+    std::FILE* json = fdopen(jsonFd, "w");
+    if (!json || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+        if (json)
+            std::fclose(json);
+        else
+            close(jsonFd);
+        return nullptr;
+    }
+    return json;
+}
+
+void PrintLongHelp()
+{
+    HelpMsg();
+    for (int i = 0; i < kLongOptionLineCount; ++i)
+        std::printf("%s\n", kLongOptionLines[i]);
+}
+
+// The fast link's settings go to the flash host for the debug and upgrade roads.
+void ConfigureLink()
+{
+    g_flashHost.SetFastLink(g_Setting.bFastLink != 0);
+    g_flashHost.SetSectorsPerCommand(g_Setting.iSectorsPerCommand);
+}
+
 }  // namespace
 
 void HelpMsg()
@@ -122,6 +201,12 @@ void HelpMsg()
 
 int DriverMain(int argc, char* argv[])
 {
+    Conclusion end;
+    run_report::Reset();
+    if (WantsJson(argc, argv)) {
+        if (std::FILE* json = DivertTextToStderr())
+            end.UseJson(json);
+    }
     char settingsFile[sizeof kDefaultSettingsFile];
     std::snprintf(settingsFile, sizeof settingsFile, "%s", kDefaultSettingsFile);
     GetDefaultSettings(settingsFile);
@@ -133,18 +218,43 @@ int DriverMain(int argc, char* argv[])
     switch (ApplyOptions(argc, argv)) {
     case OptionOutcome::kShowUsage:
         HelpMsg();
-        return 0;
-    case OptionOutcome::kShowInfo:
-        return InformationRoad();
+        return end.Finish(0, true, "usage");
+    case OptionOutcome::kBadOption:
+        HelpMsg();
+        run_report::NoteFailure(run_report::Outcome::kUsage);
+        return end.Finish(0, false, "");
+    case OptionOutcome::kShowLongHelp:
+        PrintLongHelp();
+        return end.Finish(0, true, "usage");
+    case OptionOutcome::kShowVersion:
+        std::printf("kestrelQT_u %s\n", KESTREL_VERSION);
+        return end.Finish(0, true, KESTREL_VERSION);
+    case OptionOutcome::kShowInfo: {
+        InformationRoad();
+        const bool valid = run_report::RecordedOutcome() == run_report::Outcome::kSuccess;
+        return end.Finish(0, valid, "images reported");
+    }
     case OptionOutcome::kRunRoads:
         break;
     }
 
+    ConfigureLink();
+    SummarySink summary(g_Setting.iBaud);
+    if (end.Json())
+        run_report::SetSink(end.Json());
+    else if (g_Setting.bFastLink)
+        run_report::SetSink(&summary);
+
     PrintConnectionSettings();
-    if (g_Setting.iDebugOp != kDebugNone)
-        return DebugRoad();
+    if (g_Setting.iDebugOp != kDebugNone) {
+        const int status = DebugRoad();
+        return end.Finish(status, status == 0, "Debug operation OK!");
+    }
     PrintImageSettings();
-    if (g_Setting.bCombineImage)
-        return CombineRoad();
-    return RunUpgradeRoad();
+    if (g_Setting.bCombineImage) {
+        const int status = CombineRoad();
+        return end.Finish(status, status == 0, "Combine image OK!");
+    }
+    const int status = RunUpgradeRoad();
+    return end.Finish(status, status == 0 && g_iUpdateStatus == 1, "Upgrade OK!");
 }

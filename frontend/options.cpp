@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <getopt.h>
 #include <string>
 #include <unistd.h>
 
@@ -84,19 +85,71 @@ bool ApplySettingOption(int letter, char* arg)
     return true;
 }
 
+// Long options have no letters; getopt_long returns these values for them.
+enum LongOption {
+    kOptHelp = 0x100,
+    kOptVersion,
+    kOptFast,
+    kOptExitCode,
+    kOptJson,
+};
+
+const option kLongOptions[] = {
+    {"help", no_argument, nullptr, kOptHelp},
+    {"version", no_argument, nullptr, kOptVersion},
+    {"fast", no_argument, nullptr, kOptFast},
+    {"exit-code", no_argument, nullptr, kOptExitCode},
+    {"json", no_argument, nullptr, kOptJson},
+    {nullptr, 0, nullptr, 0},
+};
+
 }  // namespace
+
+const char* const kLongOptionLines[] = {
+    "Long options:",
+    "kestrelQT_u --help  (this text)",
+    "kestrelQT_u --version  (one version line)",
+    "kestrelQT_u --fast  (fast link; settings key bFastLink, default: 0)",
+    "kestrelQT_u --exit-code  (exit status tells the outcome; settings key bExitCode, default: 0)",
+    "kestrelQT_u --json  (JSON lines on standard output, text on standard error; implies --exit-code)",
+};
+const int kLongOptionLineCount = sizeof kLongOptionLines / sizeof kLongOptionLines[0];
+
+bool WantsJson(int argc, char* argv[])
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (word == "--json")
+            return true;
+        if (word == "--" || word == "-s")
+            return false;
+    }
+    return false;
+}
 
 OptionOutcome ApplyOptions(int argc, char* argv[])
 {
     const std::string scan = ScanString();
     ResetGetopt();
     int letter;
-    while ((letter = getopt(argc, argv, scan.c_str())) != -1) {
-        if (letter == 's')
-            return OptionOutcome::kShowInfo;
-        // -h, -v, -? and getopt's own errors ('?', after its diagnostic on stderr).
-        if (!ApplySettingOption(letter, optarg))
+    while ((letter = getopt_long(argc, argv, scan.c_str(), kLongOptions, nullptr)) != -1) {
+        switch (letter) {
+        case 's': return OptionOutcome::kShowInfo;
+        case kOptHelp: return OptionOutcome::kShowLongHelp;
+        case kOptVersion: return OptionOutcome::kShowVersion;
+        case kOptFast: g_Setting.bFastLink = 1; continue;
+        case kOptExitCode: g_Setting.bExitCode = 1; continue;
+        case kOptJson: g_Setting.bJson = g_Setting.bExitCode = 1; continue;
+        case 'h':
+        case 'v':
             return OptionOutcome::kShowUsage;
+        default:
+            break;
+        }
+        // getopt's own errors ('?', after its diagnostic on stderr) and -?.
+        if (!ApplySettingOption(letter, optarg))
+            return letter == '?' && optopt != '?' ? OptionOutcome::kBadOption
+                                                  : OptionOutcome::kShowUsage;
     }
     return OptionOutcome::kRunRoads;
 }

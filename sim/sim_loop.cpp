@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <ctime>
 #include <poll.h>
 #include <unistd.h>
 
@@ -11,6 +12,18 @@ namespace ksim {
 namespace {
 // One byte on the line: start bit, 8 data bits, stop bit.
 constexpr int64_t kBitsPerByte = 10;
+// Waits up to waitUs microseconds (-1: without limit). Linux offers microsecond
+// timers (ppoll); elsewhere the wait is rounded up to whole milliseconds.
+int WaitForEvents(pollfd* fds, nfds_t count, int64_t waitUs)
+{
+#ifdef __linux__
+    timespec timeout = {static_cast<time_t>(waitUs / 1000000), static_cast<long>(waitUs % 1000000) * 1000};
+    return ppoll(fds, count, waitUs < 0 ? nullptr : &timeout, nullptr);
+#else
+    return poll(fds, count, waitUs < 0 ? -1 : static_cast<int>((waitUs + 999) / 1000));
+#endif
+}
+
 }  // namespace
 
 int64_t MonotonicUs()
@@ -19,8 +32,10 @@ int64_t MonotonicUs()
     return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-SimLoop::SimLoop(PtyDevice& pty, SimTarget& target, TraceLog& trace, bool pace, uint32_t sessions)
-    : m_pty(pty), m_target(target), m_trace(trace), m_pace(pace), m_sessions(sessions)
+SimLoop::SimLoop(PtyDevice& pty, SimTarget& target, TraceLog& trace, bool pace, uint32_t sessions,
+                 int64_t replyLatencyUs)
+    : m_pty(pty), m_target(target), m_trace(trace), m_pace(pace), m_sessions(sessions),
+      m_replyLatencyUs(replyLatencyUs)
 {
 }
 
@@ -34,7 +49,10 @@ int SimLoop::Run(int stopFd)
             {stopFd, POLLIN, 0},
             {m_pty.CloseWatchFd(), POLLIN, 0},
         };
-        int ready = poll(fds, 3, PollTimeoutMs(now, blocked));
+        // Microsecond timers: the line model's byte, latency and flash times are far
+        // shorter than a millisecond per step, and rounding every wait up to a whole
+        // millisecond would slow the paced line by that much per command.
+        int ready = WaitForEvents(fds, 3, PollTimeoutUs(now, blocked));
         if (ready < 0 && errno != EINTR)
             return 1;
         if (fds[1].revents & POLLIN)
@@ -97,7 +115,9 @@ void SimLoop::QueueReplies(std::vector<Reply>& replies, int64_t nowUs)
             ready = start + LineTimeUs(reply.bytes.size(), speed);
             m_txClockUs = ready;
         }
-        m_tx.push_back(PendingTx{std::move(reply), speed, ready});
+        // The adapter passes the reply on only when its latency timer runs out; the
+        // line itself is free again as soon as the bytes are through.
+        m_tx.push_back(PendingTx{std::move(reply), speed, ready + m_replyLatencyUs});
     }
 }
 
@@ -134,7 +154,7 @@ bool SimLoop::CountCloses()
     return m_sessions != 0 && m_closes >= m_sessions;
 }
 
-int SimLoop::PollTimeoutMs(int64_t nowUs, bool blocked) const
+int64_t SimLoop::PollTimeoutUs(int64_t nowUs, bool blocked) const
 {
     int64_t next = -1;
     auto consider = [&next](int64_t at) {
@@ -149,10 +169,7 @@ int SimLoop::PollTimeoutMs(int64_t nowUs, bool blocked) const
         consider(m_target.QuietDeadlineUs());
     if (next < 0)
         return -1;
-    int64_t waitUs = next - nowUs;
-    if (waitUs <= 0)
-        return 0;
-    return static_cast<int>(std::min<int64_t>((waitUs + 999) / 1000, 60000));
+    return std::min<int64_t>(std::max<int64_t>(next - nowUs, 0), 60 * 1000000);
 }
 
 int64_t SimLoop::LineTimeUs(size_t bytes, uint32_t speed) const

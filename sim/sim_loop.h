@@ -15,7 +15,10 @@ namespace ksim {
 
 class SimLoop {
 public:
-    SimLoop(PtyDevice& pty, SimTarget& target, TraceLog& trace, bool pace, uint32_t sessions);
+    // `replyLatencyUs`: every reply is held this long before it reaches the host, as
+    // a USB adapter holds received bytes up to its latency timer.
+    SimLoop(PtyDevice& pty, SimTarget& target, TraceLog& trace, bool pace, uint32_t sessions,
+            int64_t replyLatencyUs = 0);
 
     // Runs until `stopFd` becomes readable, the host has closed the device `sessions`
     // times (when not 0), or the target vanished. Returns the exit status.
@@ -39,7 +42,7 @@ private:
     // Writes what is due; true while the pty cannot take more.
     bool WriteDue(int64_t nowUs);
     bool CountCloses();
-    int PollTimeoutMs(int64_t nowUs, bool blocked) const;
+    int64_t PollTimeoutUs(int64_t nowUs, bool blocked) const;
     int64_t LineTimeUs(size_t bytes, uint32_t speed) const;
 
     PtyDevice& m_pty;
@@ -47,6 +50,7 @@ private:
     TraceLog& m_trace;
     bool m_pace;
     uint32_t m_sessions;
+    int64_t m_replyLatencyUs;
     uint32_t m_closes = 0;
     std::deque<PendingRx> m_rx;
     std::deque<PendingTx> m_tx;

@@ -84,7 +84,8 @@ int main(int argc, char** argv)
     std::fflush(stdout);
 
     ksim::SimTarget target(MakeTargetConfig(options), flash, faults, trace);
-    ksim::SimLoop loop(pty, target, trace, options.pace, options.sessions);
+    ksim::SimLoop loop(pty, target, trace, options.pace, options.sessions,
+                       static_cast<int64_t>(options.usbLatencyMs) * 1000);
     int status = loop.Run(ksim::StopSignalFd());
     pty.Close();
     trace.Event("exit");

@@ -9,7 +9,8 @@ namespace {
 
 enum OptionId {
     kOptFlash = 1000, kOptFlashSize, kOptLink, kOptTrace, kOptResponder, kOptFlashId,
-    kOptRomFlash, kOptFirmware, kOptPace, kOptEraseMs, kOptProgramMs, kOptSyncFail,
+    kOptRomFlash, kOptFirmware, kOptPace, kOptEraseMs, kOptProgramMs,
+    kOptUsbLatencyMs, kOptSyncFail,
     kOptSessions, kOptFault, kOptHelp,
 };
 
@@ -25,6 +26,7 @@ const option kLongOptions[] = {
     {"pace", no_argument, nullptr, kOptPace},
     {"erase-ms", required_argument, nullptr, kOptEraseMs},
     {"program-ms", required_argument, nullptr, kOptProgramMs},
+    {"usb-latency-ms", required_argument, nullptr, kOptUsbLatencyMs},
     {"sync-fail", required_argument, nullptr, kOptSyncFail},
     {"sessions", required_argument, nullptr, kOptSessions},
     {"fault", required_argument, nullptr, kOptFault},
@@ -116,6 +118,8 @@ bool ApplyOption(int id, const char* arg, SimOptions& options, std::string& erro
         return false;
     case kOptEraseMs: return ParseNamedNumber("--erase-ms", arg, 60000, options.eraseMs, error);
     case kOptProgramMs: return ParseNamedNumber("--program-ms", arg, 60000, options.programMs, error);
+    case kOptUsbLatencyMs:
+        return ParseNamedNumber("--usb-latency-ms", arg, 1000, options.usbLatencyMs, error);
     case kOptSyncFail: return ParseNamedNumber("--sync-fail", arg, 0xFFFFFFFFul, options.syncFail, error);
     case kOptSessions: return ParseNamedNumber("--sessions", arg, 0xFFFFFFFFul, options.sessions, error);
     }
@@ -159,6 +163,7 @@ const char* SimUsage()
            "  --pace              take real time per byte, erase and program\n"
            "  --erase-ms N        with --pace: ms per 64 KiB erase (default 30)\n"
            "  --program-ms N      with --pace: ms per 512-byte sector (default 1)\n"
+           "  --usb-latency-ms N  hold every reply N ms, as an adapter's latency timer does\n"
            "  --sync-fail N       leave the first N sync bytes unanswered\n"
            "  --sessions N        exit after the host closed the device N times\n"
            "  --fault SPEC        WHAT:WHEN:KIND[@BAUD], repeatable (see sim/README.md)\n";

@@ -22,6 +22,7 @@ struct SimOptions {
     bool pace = false;
     uint32_t eraseMs = 30;
     uint32_t programMs = 1;
+    uint32_t usbLatencyMs = 0;             // every reply held this long (adapter latency timer)
     uint32_t syncFail = 0;
     uint32_t sessions = 0;
     std::vector<std::string> faults;

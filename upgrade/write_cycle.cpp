@@ -53,6 +53,30 @@ bool BeginStep(const WriteCycle& cycle, CycleStep step)
     return true;
 }
 
+// The change check. The classic link reads the whole range, then compares; the
+// fast link compares each command's piece as it arrives and stops at the first
+// difference, since the range is rewritten anyway.
+int CheckFlash(const WriteCycle& cycle, unsigned char* data, unsigned char* compare, int* differs)
+{
+    if (g_flashHost.GetFastLink())
+        return g_flashHost.CompareFlashLength(cycle.address, data, cycle.length, compare, differs);
+    if (g_flashHost.ReadFlashLength(cycle.address, compare, cycle.length) != 0)
+        return -1;
+    *differs = std::memcmp(data, compare, cycle.length) != 0;
+    return 0;
+}
+
+// Every write of a cycle goes into erased flash (erased by this attempt, or already
+// erased for the cycles without an erase step). The fast link does not send the
+// sectors that are all 0xFF: erased flash already holds them, and read-back still
+// compares them.
+int WriteErasedFlash(const WriteCycle& cycle, unsigned char* data)
+{
+    if (g_flashHost.GetFastLink())
+        return g_flashHost.WriteFlashLengthAfterErase(cycle.address, data, cycle.length);
+    return g_flashHost.WriteFlashLength(cycle.address, data, cycle.length);
+}
+
 struct Attempt {
     AttemptResult result;
     CycleStep failedStep;
@@ -79,9 +103,10 @@ Attempt RunAttempt(const WriteCycle& cycle, unsigned char* data, unsigned char* 
         if (g_Setting.bUpdateChangeOnly) {
             if (!BeginStep(cycle, kStepCheck))
                 return Stopped();
-            if (g_flashHost.ReadFlashLength(cycle.address, compare, cycle.length) != 0)
+            int differs = 0;
+            if (CheckFlash(cycle, data, compare, &differs) != 0)
                 return Fail(cycle, kStepCheck);
-            if (std::memcmp(data, compare, cycle.length) == 0)
+            if (!differs)
                 return Done();  // flash already holds the data: nothing to erase or write
         }
         if (!BeginStep(cycle, kStepErase))
@@ -91,7 +116,7 @@ Attempt RunAttempt(const WriteCycle& cycle, unsigned char* data, unsigned char* 
     }
     if (!BeginStep(cycle, kStepWrite))
         return Stopped();
-    if (g_flashHost.WriteFlashLength(cycle.address, data, cycle.length) != 0)
+    if (WriteErasedFlash(cycle, data) != 0)
         return Fail(cycle, kStepWrite);
     if (!g_Setting.bReadAndCheck)
         return Done();
@@ -183,6 +208,12 @@ int RunWriteCycle(const WriteCycle& cycle, unsigned char* data, unsigned char* c
         if (outcome.result == kAttemptStopped)
             break;
         lastFailed = outcome.failedStep;
+        // An unplugged adapter does not come back on the same descriptor: further
+        // attempts could only fail the same way, seconds later.
+        if (g_flashHost.LinkLost()) {
+            run_report::NoteFailure(run_report::Outcome::kNoAnswer);
+            return -1;
+        }
         usleep(link_timing::kWriteCycleRetryPauseUs);
         if (attempt == kWriteAttempts)
             run_report::NoteFailure(FailureClass(lastFailed));

@@ -1,0 +1,76 @@
+#include "frontend/run_sinks.h"
+
+#include <nlohmann/json.hpp>
+
+using nlohmann::json;
+
+void JsonSink::Emit(const std::string& line)
+{
+    std::fprintf(m_out, "%s\n", line.c_str());
+    std::fflush(m_out);  // a reader sees each event as it happens
+}
+
+void JsonSink::Start(const std::string& port, uint32_t rate, const std::vector<std::string>& images)
+{
+    Emit(json{{"event", "start"}, {"port", port}, {"rate", rate}, {"images", images}}
+             .dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
+void JsonSink::Progress(const char* region, const char* phase, uint64_t done, uint64_t total)
+{
+    Emit(json{{"event", "progress"}, {"region", region}, {"phase", phase}, {"done", done},
+              {"total", total}}
+             .dump());
+}
+
+void JsonSink::Region(const char* region, uint64_t bytes, double seconds)
+{
+    m_bytes += bytes;
+    const double rate = seconds > 0 ? bytes / 1000.0 / seconds : 0.0;
+    Emit(json{{"event", "region"}, {"region", region}, {"bytes", bytes}, {"seconds", seconds},
+              {"kbytes_per_s", rate}}
+             .dump());
+}
+
+void JsonSink::Result(int exitCode, const std::string& message, double seconds)
+{
+    // Paths and texts may hold bytes that are not UTF-8: they are replaced, never
+    // allowed to make the line invalid.
+    Emit(json{{"event", "result"}, {"ok", exitCode == 0}, {"exit_code", exitCode},
+              {"message", message}, {"seconds", seconds}, {"bytes", m_bytes}}
+             .dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
+std::string RegionSummary(const char* region, uint64_t bytes, double seconds, uint32_t lineRate)
+{
+    const double kbPerS = seconds > 0 ? bytes / 1000.0 / seconds : 0.0;
+    // 8N1: ten bits on the wire per byte.
+    const double lineShare = seconds > 0 && lineRate > 0 ? 100.0 * bytes * 10.0 / (lineRate * seconds) : 0.0;
+    char line[160];
+    std::snprintf(line, sizeof line, "%s: %llu bytes in %.1f s, %.1f KB/s, %.0f%% of line", region,
+                  static_cast<unsigned long long>(bytes), seconds, kbPerS, lineShare);
+    return line;
+}
+
+void SummarySink::Region(const char* region, uint64_t bytes, double seconds)
+{
+    std::printf("%s\n", RegionSummary(region, bytes, seconds, m_lineRate).c_str());
+    std::fflush(stdout);
+}
+
+const char* OutcomeName(run_report::Outcome outcome)
+{
+    using run_report::Outcome;
+    switch (outcome) {
+    case Outcome::kSuccess: return "success";
+    case Outcome::kUsage: return "usage error";
+    case Outcome::kImage: return "image error";
+    case Outcome::kPortOpen: return "port cannot be opened";
+    case Outcome::kNoAnswer: return "no answer from the target";
+    case Outcome::kFlashCommand: return "flash command failed";
+    case Outcome::kVerify: return "verify mismatch";
+    case Outcome::kStopped: return "stopped by the user";
+    case Outcome::kOther: break;
+    }
+    return "failed";
+}

@@ -1,0 +1,133 @@
+// The fast link against the simulated target: the same upgrades as the classic
+// link, with and without faults, end with the same console text (but for the
+// per-region summary lines), the same status and the same flash; and on the wire
+// the change check stops at the first difference and erased sectors are not sent.
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "tests/upgrade/upgrade_fixtures.h"
+
+namespace {
+
+constexpr uint8_t kReadSector = 0x1A;
+constexpr uint8_t kWriteSector = 0x1B;
+
+// Device paths and the fast link's own summary lines are all that may differ.
+std::string Comparable(const std::string& out)
+{
+    static const std::regex device("/dev/pts/[0-9]+");
+    static const std::regex summary("(^|\n)(main|ota|etf): [0-9]+ bytes in [^\n]* of line\n");
+    return std::regex_replace(std::regex_replace(out, device, "/dev/pts/N"), summary, "$1");
+}
+
+struct UpgradeRun {
+    ProcessResult result;
+    Bytes flash;
+    std::string trace;
+};
+
+UpgradeRun UpgradeWith(bool fast, const std::vector<std::string>& toolArgs,
+                const std::vector<std::string>& simArgs, const Bytes& mainImage,
+                const Bytes& etfImage)
+{
+    UpgradeBench bench;
+    bench.WriteFile("main.img", mainImage);
+    bench.WriteFile("etf.img", etfImage);
+    std::vector<std::string> args = toolArgs;
+    if (fast)
+        args.insert(args.begin(), "--fast");
+    UpgradeRun run;
+    run.result = bench.Run(args, simArgs);
+    run.flash = bench.Flash();
+    run.trace = bench.Trace();
+    return run;
+}
+
+TEST(FastLink, SameOutcomeTextAndFlashAsTheClassicLink)
+{
+    const Bytes main = MakeImage(2, {150000, 40000}, 21, 0x8000, 0x1F8000);
+    const Bytes etf = MakeImage(1, {4096, 70000}, 22);
+    const std::vector<std::string> all = {"-i", "main.img", "-e", "1", "-I", "etf.img"};
+    // The fallback runs at 115200 with one sector per command: a small image.
+    const Bytes small = MakeImage(1, {20000}, 23);
+    // Faults count commands; the fast link sends fewer reads (the change check stops
+    // early), so faults here name commands both links send alike.
+    struct Case {
+        const char* name;
+        std::vector<std::string> toolArgs, simArgs;
+        const Bytes* image;
+    };
+    auto with = [&all](std::vector<std::string> extra) {
+        std::vector<std::string> args = all;
+        args.insert(args.end(), extra.begin(), extra.end());
+        return args;
+    };
+    const Case cases[] = {
+        {"write and read back", with({"-u", "0", "-r", "1"}), {}, &main},
+        {"change check on old flash", with({"-u", "1", "-r", "1"}), {}, &main},
+        {"an error reply is retried", with({"-u", "0", "-r", "1"}), {"--fault", "WriteSector:7:error2"}, &main},
+        {"a lost reply is retried", with({"-u", "1"}), {"--fault", "EraseFlash:2:noreply"}, &main},
+        {"921600 fails four times, 115200 completes", {"-i", "main.img", "-u", "0"},
+         {"--fault", "EraseFlash:every:error2@921600"}, &small},
+        {"read-back keeps finding a difference", {"-i", "main.img", "-u", "0", "-r", "1"},
+         {"--fault", "ReadSector:1+:bitflip"}, &small},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        UpgradeRun classic = UpgradeWith(false, c.toolArgs, c.simArgs, *c.image, etf);
+        UpgradeRun fast = UpgradeWith(true, c.toolArgs, c.simArgs, *c.image, etf);
+        EXPECT_EQ(classic.result.exitStatus, fast.result.exitStatus);
+        EXPECT_EQ(Comparable(classic.result.out), Comparable(fast.result.out));
+        EXPECT_EQ(-1, FirstDifference(classic.flash, fast.flash));
+        // Each region the fast run finished shows its summary line.
+        if (fast.result.out.find("Upgrade OK!") != std::string::npos) {
+            EXPECT_NE(std::string::npos, fast.result.out.find(" of line\n")) << fast.result.out;
+        }
+    }
+}
+
+// A two-block image whose second block has 16 erased sectors, then the same image
+// changed in the last chunk of block 1 and the first chunk of block 2.
+TEST(FastLink, ChangeCheckStopsAtTheFirstDifferenceAndErasedSectorsAreNotSent)
+{
+    ImageSpec spec;
+    SectionSpec section;
+    section.data = PatternBytes(2 * kBlock - 64, 31);
+    const size_t blankFrom = kBlock + 8 * 512, blankTo = kBlock + 24 * 512;  // flash offsets
+    std::fill(section.data.begin() + (blankFrom - 64), section.data.begin() + (blankTo - 64), 0xFF);
+    spec.sections.push_back(section);
+    const Bytes image = BuildImage(spec);
+
+    UpgradeBench bench;
+    bench.WriteFile("main.img", image);
+    ProcessResult first = bench.Run({"--fast", "-i", "main.img", "-u", "1"});
+    ASSERT_NE(std::string::npos, first.out.find("Upgrade OK!")) << first.out;
+    Bytes expected = bench.InitialFlash();
+    ModelBlockWrite(expected, 0, image);
+    EXPECT_EQ(-1, FirstDifference(expected, bench.Flash()));
+    const std::string trace1 = bench.Trace();
+    // The old flash differs at once: one read command per block. 256 sectors to
+    // write, 16 of them erased: 240 in commands of four.
+    EXPECT_EQ(2u, CountFramesReceived(trace1, kReadSector));
+    EXPECT_EQ(60u, CountFramesReceived(trace1, kWriteSector));
+
+    // Swapping the low bytes of two 16-bit words keeps the data checksum, so the
+    // header (at the start of block 1) stays as it was: block 1 differs only in its
+    // last chunk, block 2 in its first.
+    const size_t endOfBlock1 = kBlock - 2 - 64, startOfBlock2 = kBlock - 64;
+    ASSERT_NE(section.data[endOfBlock1], section.data[startOfBlock2]);
+    std::swap(section.data[endOfBlock1], section.data[startOfBlock2]);
+    spec.sections[0] = section;
+    const Bytes changed = BuildImage(spec);
+    bench.WriteFile("main.img", changed);
+    ProcessResult second = bench.Run({"--fast", "-i", "main.img", "-u", "1"});
+    ASSERT_NE(std::string::npos, second.out.find("Upgrade OK!")) << second.out;
+    const std::string trace2 = bench.Trace();
+    // Block 1 is read to its last chunk (32 commands), block 2 only its first.
+    EXPECT_EQ(33u, CountFramesReceived(trace2, kReadSector));
+    ModelBlockWrite(expected, 0, changed);
+    EXPECT_EQ(-1, FirstDifference(expected, bench.Flash()));
+}
+
+}  // namespace

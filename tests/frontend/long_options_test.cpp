@@ -1,0 +1,112 @@
+// The command line beyond the classic options: --help, --version, exit codes that
+// tell the outcome, JSON lines for scripts, and the fast link's summary line. With
+// none of them given, the classic texts and statuses hold (driver_cli_test).
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "frontend/run_sinks.h"
+#include "tests/support/process.h"
+#include "tools/image_builder.h"
+
+namespace {
+
+ProcessResult RunTool(const TempDir& dir, const std::vector<std::string>& args)
+{
+    ProcessOptions options;
+    options.cwd = dir.Path();
+    options.timeoutSeconds = 30;
+    return RunProcess(ToolPath(), args, options);
+}
+
+std::vector<std::string> Lines(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+TEST(LongOptions, HelpIsTheUsageFollowedByTheLongOptionsVersionIsOneLine)
+{
+    TempDir dir;
+    ProcessResult usage = RunTool(dir, {"-h"});
+    ProcessResult help = RunTool(dir, {"--help"});
+    EXPECT_EQ(0, help.exitStatus);
+    ASSERT_EQ(0u, help.out.find(usage.out)) << "the usage text comes first, unchanged";
+    std::vector<std::string> extra = Lines(help.out.substr(usage.out.size()));
+    ASSERT_FALSE(extra.empty());
+    EXPECT_EQ("Long options:", extra[0]);
+    for (const char* option : {"--help", "--version", "--fast", "--exit-code", "--json"}) {
+        bool listed = false;
+        for (const std::string& line : extra)
+            listed = listed || line.find(option) != std::string::npos;
+        EXPECT_TRUE(listed) << option;
+    }
+    ProcessResult version = RunTool(dir, {"--version"});
+    EXPECT_EQ(0, version.exitStatus);
+    EXPECT_EQ(1u, Lines(version.out).size());
+    EXPECT_EQ(0u, version.out.find("kestrelQT_u 1.")) << version.out;
+}
+
+TEST(ExitCodes, OnlyWithTheOptionDoesTheStatusTellTheOutcome)
+{
+    TempDir dir;
+    struct Case {
+        const char* name;
+        std::vector<std::string> args;
+        int classic, withCode;
+    };
+    const Case cases[] = {
+        {"unknown option", {"-x"}, 0, 2},
+        {"report on missing images", {"-i", "none.img", "-I", "none2.img", "-s"}, 0, 3},
+        {"debug road, device missing", {"-D", "r", "-c", "/nonexistent/tty"}, 255, 4},
+        {"combine, image missing", {"-D", "n", "-g", "1", "-i", "none.img"}, 255, 3},
+        {"upgrade, image missing", {"-D", "n", "-i", "none.img"}, 0, 3},
+        {"upgrade, device missing", {"-D", "n", "-i", "main.img", "-c", "/nonexistent/tty"}, 0, 4},
+    };
+    ImageSpec spec;
+    spec.sections.resize(1);
+    spec.sections[0].data.assign(1000, 0x5A);
+    ASSERT_TRUE(WriteFileBytes(dir.File("main.img"), BuildImage(spec)));
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<std::string> withCode = c.args;
+        withCode.insert(withCode.begin(), "--exit-code");
+        EXPECT_EQ(c.classic, RunTool(dir, c.args).exitStatus);
+        EXPECT_EQ(c.withCode, RunTool(dir, withCode).exitStatus);
+    }
+}
+
+TEST(JsonLines, StdoutIsOnlyJsonEndingInOneResultWhateverThePathHolds)
+{
+    TempDir dir;
+    const std::string oddPath = std::string("/nonexistent/q\"uote\\back\ttab\x01") + "\xff.tty";
+    ProcessResult r = RunTool(dir, {"--json", "-D", "r", "-c", oddPath});
+    EXPECT_EQ(4, r.exitStatus);
+    std::vector<std::string> lines = Lines(r.out);
+    ASSERT_FALSE(lines.empty());
+    for (size_t i = 0; i < lines.size(); ++i) {
+        nlohmann::json event = nlohmann::json::parse(lines[i], nullptr, false);
+        ASSERT_FALSE(event.is_discarded()) << lines[i];
+        EXPECT_EQ(i + 1 == lines.size(), event["event"] == "result") << lines[i];
+    }
+    nlohmann::json result = nlohmann::json::parse(lines.back());
+    EXPECT_EQ(false, result["ok"]);
+    EXPECT_EQ(4, result["exit_code"]);
+    EXPECT_NE(std::string::npos, result["message"].get<std::string>().find("Open uart error!"));
+    // The human text went to the error stream.
+    EXPECT_NE(std::string::npos, r.err.find("ERR: can't open serial port:")) << r.err;
+}
+
+TEST(FastSummary, OneLineWithBytesSecondsRateAndShareOfTheLine)
+{
+    // 1 MiB in 13.9 s at 921600 bit/s: 75.4 KB/s, 82% of the 92,160 bytes/s line.
+    EXPECT_EQ("main: 1048576 bytes in 13.9 s, 75.4 KB/s, 82% of line",
+              RegionSummary("main", 1048576, 13.9, 921600));
+    EXPECT_EQ("etf: 0 bytes in 0.0 s, 0.0 KB/s, 0% of line", RegionSummary("etf", 0, 0.0, 921600));
+}
+
+}  // namespace
