@@ -11,6 +11,7 @@
 #include "flashhost/CFlashHost.h"
 #include "frontend/Setting.h"
 #include "frontend/options.h"
+#include "frontend/port_list.h"
 #include "frontend/run_sinks.h"
 #include "common/run_report.h"
 #include "frontend/upgrade_start.h"
@@ -184,6 +185,26 @@ void PrintLongHelp()
         std::printf("%s\n", kLongOptionLines[i]);
 }
 
+// --list-ports: a table, or one JSON object per port.
+void ListPorts(JsonSink* json)
+{
+    const std::vector<SerialPortInfo> ports = ListSerialPorts(PortListSysRoot(), PortListDevRoot());
+    if (json) {
+        for (const SerialPortInfo& p : ports)
+            json->Port(p.path, p.vendor, p.product, p.serial, p.driver, p.byId);
+        return;
+    }
+    std::printf("%-16s %-9s %-20s %-12s %s\n", "PORT", "VID:PID", "SERIAL", "DRIVER", "BY-ID");
+    for (const SerialPortInfo& p : ports) {
+        const std::string ids = p.vendor.empty() ? "-" : p.vendor + ":" + p.product;
+        std::printf("%-16s %-9s %-20s %-12s %s\n", p.path.c_str(), ids.c_str(),
+                    p.serial.empty() ? "-" : p.serial.c_str(), p.driver.empty() ? "-" : p.driver.c_str(),
+                    p.byId.empty() ? "-" : p.byId.c_str());
+    }
+    if (ports.empty())
+        std::printf("No USB serial port found.\n");
+}
+
 // The fast link's settings go to the flash host for the debug and upgrade roads.
 void ConfigureLink()
 {
@@ -229,6 +250,9 @@ int DriverMain(int argc, char* argv[])
     case OptionOutcome::kShowVersion:
         std::printf("kestrelQT_u %s\n", KESTREL_VERSION);
         return end.Finish(0, true, KESTREL_VERSION);
+    case OptionOutcome::kListPorts:
+        ListPorts(end.Json());
+        return end.Finish(0, true, "ports listed");
     case OptionOutcome::kShowInfo: {
         InformationRoad();
         const bool valid = run_report::RecordedOutcome() == run_report::Outcome::kSuccess;

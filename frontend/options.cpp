@@ -92,7 +92,13 @@ enum LongOption {
     kOptFast,
     kOptExitCode,
     kOptJson,
+    kOptListPorts,
+    kOptSysfsRoot,
+    kOptDevRoot,
 };
+
+std::string g_sysRoot = "/sys";
+std::string g_devRoot = "/dev";
 
 const option kLongOptions[] = {
     {"help", no_argument, nullptr, kOptHelp},
@@ -100,6 +106,9 @@ const option kLongOptions[] = {
     {"fast", no_argument, nullptr, kOptFast},
     {"exit-code", no_argument, nullptr, kOptExitCode},
     {"json", no_argument, nullptr, kOptJson},
+    {"list-ports", no_argument, nullptr, kOptListPorts},
+    {"sysfs-root", required_argument, nullptr, kOptSysfsRoot},
+    {"dev-root", required_argument, nullptr, kOptDevRoot},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -112,7 +121,18 @@ const char* const kLongOptionLines[] = {
     "kestrelQT_u --fast  (fast link; settings key bFastLink, default: 0)",
     "kestrelQT_u --exit-code  (exit status tells the outcome; settings key bExitCode, default: 0)",
     "kestrelQT_u --json  (JSON lines on standard output, text on standard error; implies --exit-code)",
+    "kestrelQT_u --list-ports  (serial ports with USB vendor:product, serial number, driver, by-id name)",
 };
+
+const char* PortListSysRoot()
+{
+    return g_sysRoot.c_str();
+}
+
+const char* PortListDevRoot()
+{
+    return g_devRoot.c_str();
+}
 const int kLongOptionLineCount = sizeof kLongOptionLines / sizeof kLongOptionLines[0];
 
 bool WantsJson(int argc, char* argv[])
@@ -140,6 +160,9 @@ OptionOutcome ApplyOptions(int argc, char* argv[])
         case kOptFast: g_Setting.bFastLink = 1; continue;
         case kOptExitCode: g_Setting.bExitCode = 1; continue;
         case kOptJson: g_Setting.bJson = g_Setting.bExitCode = 1; continue;
+        case kOptListPorts: return OptionOutcome::kListPorts;
+        case kOptSysfsRoot: g_sysRoot = optarg; continue;
+        case kOptDevRoot: g_devRoot = optarg; continue;
         case 'h':
         case 'v':
             return OptionOutcome::kShowUsage;

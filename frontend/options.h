@@ -8,7 +8,13 @@ enum class OptionOutcome {
     kBadOption,  // an option getopt refused: the usage text, status 0 (2 with --exit-code)
     kShowLongHelp,  // --help: the usage text and the long options
     kShowVersion,   // --version: one version line
+    kListPorts,     // --list-ports: the serial ports found
 };
+
+// Where --list-ports looks: /sys and /dev, or the trees given with the hidden
+// options --sysfs-root and --dev-root (for tests).
+const char* PortListSysRoot();
+const char* PortListDevRoot();
 
 // The long options, one line each, printed by --help after the usage text.
 extern const char* const kLongOptionLines[];

@@ -32,6 +32,14 @@ void JsonSink::Region(const char* region, uint64_t bytes, double seconds)
              .dump());
 }
 
+void JsonSink::Port(const std::string& path, const std::string& vendor, const std::string& product,
+                    const std::string& serial, const std::string& driver, const std::string& byId)
+{
+    Emit(json{{"event", "port"}, {"path", path}, {"vid", vendor}, {"pid", product},
+              {"serial", serial}, {"driver", driver}, {"by_id", byId}}
+             .dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
 void JsonSink::Result(int exitCode, const std::string& message, double seconds)
 {
     // Paths and texts may hold bytes that are not UTF-8: they are replaced, never

@@ -16,6 +16,9 @@ public:
     void Start(const std::string& port, uint32_t rate, const std::vector<std::string>& images) override;
     void Progress(const char* region, const char* phase, uint64_t done, uint64_t total) override;
     void Region(const char* region, uint64_t bytes, double seconds) override;
+    // One serial port found by --list-ports.
+    void Port(const std::string& path, const std::string& vendor, const std::string& product,
+              const std::string& serial, const std::string& driver, const std::string& byId);
     // The last line of every run, exactly once.
     void Result(int exitCode, const std::string& message, double seconds);
 

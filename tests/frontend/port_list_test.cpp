@@ -1,0 +1,66 @@
+// --list-ports reads sysfs: a made-up tree shaped like the kernel's (a USB device
+// folder with its ids, an interface, the tty's device link and driver link) stands
+// in for it.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "frontend/port_list.h"
+#include "tests/support/process.h"
+
+namespace {
+
+void MakeFolders(const std::string& path)
+{
+    for (size_t at = 1; at != std::string::npos; at = path.find('/', at + 1))
+        mkdir(path.substr(0, at).c_str(), 0755);
+    mkdir(path.c_str(), 0755);
+}
+
+void WriteText(const std::string& path, const std::string& text)
+{
+    std::ofstream(path) << text << "\n";
+}
+
+TEST(PortList, UsbIdsSerialDriverAndByIdNameComeFromSysfs)
+{
+    TempDir dir;
+    const std::string sys = dir.File("sys"), dev = dir.File("dev");
+    const std::string usb = sys + "/devices/pci0000:00/usb1/1-2";
+    const std::string port = usb + "/1-2:1.0/ttyUSB0";
+    MakeFolders(port);
+    MakeFolders(sys + "/bus/usb-serial/drivers/ftdi_sio");
+    MakeFolders(sys + "/class/tty");
+    MakeFolders(dev + "/serial/by-id");
+    WriteText(usb + "/idVendor", "0403");
+    WriteText(usb + "/idProduct", "6001");
+    WriteText(usb + "/serial", "A10K3XYZ");
+    ASSERT_EQ(0, symlink("../../../../../bus/usb-serial/drivers/ftdi_sio", (port + "/driver").c_str()));
+    MakeFolders(sys + "/class/tty/ttyUSB0");
+    ASSERT_EQ(0, symlink(port.c_str(), (sys + "/class/tty/ttyUSB0/device").c_str()));
+    for (const char* name : {"ttyUSB0", "ttyACM0", "ttyS0", "console"})
+        WriteText(dev + "/" + name, "");
+    ASSERT_EQ(0, symlink("../../ttyUSB0", (dev + "/serial/by-id/usb-FTDI_A10K3XYZ-if00-port0").c_str()));
+
+    const std::vector<SerialPortInfo> ports = ListSerialPorts(sys, dev);
+    ASSERT_EQ(2u, ports.size()) << "ttyS0 and console are not USB serial ports";
+    EXPECT_EQ(dev + "/ttyACM0", ports[0].path);
+    EXPECT_EQ("", ports[0].vendor) << "no sysfs entry: nothing invented";
+    EXPECT_EQ("", ports[0].byId);
+    EXPECT_EQ(dev + "/ttyUSB0", ports[1].path);
+    EXPECT_EQ("0403", ports[1].vendor);
+    EXPECT_EQ("6001", ports[1].product);
+    EXPECT_EQ("A10K3XYZ", ports[1].serial);
+    EXPECT_EQ("ftdi_sio", ports[1].driver);
+    EXPECT_EQ(dev + "/serial/by-id/usb-FTDI_A10K3XYZ-if00-port0", ports[1].byId);
+
+    // The same through the tool, as JSON lines before the result.
+    ProcessResult r = RunProcess(ToolPath(), {"--json", "--sysfs-root", sys, "--dev-root", dev, "--list-ports"});
+    EXPECT_EQ(0, r.exitStatus);
+    EXPECT_NE(std::string::npos, r.out.find("\"vid\":\"0403\"")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("\"event\":\"result\"")) << r.out;
+}
+
+}  // namespace
