@@ -9,7 +9,7 @@ prefix=$(mktemp -d)
 trap 'rm -rf "$prefix"' EXIT
 cmake --install "$build_dir" --prefix "$prefix" >/dev/null
 status=0
-for file in bin/kestrelQT_u bin/kestrel_sim bin/kestrel_mkimage share/man/man1/kestrelQT_u.1 \
+for file in bin/kestrelQT_u bin/kestrel_sim bin/kestrel_mkimage bin/kestrel_gang share/man/man1/kestrelQT_u.1 \
     share/doc/kestrelqt-u/settings_mac.ini share/bash-completion/completions/kestrelQT_u; do
     if [ ! -e "$prefix/$file" ]; then
         echo "missing after install: $file"
