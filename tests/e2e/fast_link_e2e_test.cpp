@@ -130,4 +130,38 @@ TEST(FastLink, ChangeCheckStopsAtTheFirstDifferenceAndErasedSectorsAreNotSent)
     EXPECT_EQ(-1, FirstDifference(expected, bench.Flash()));
 }
 
+// Every rate above 921600 in the table: the boot-loader goes over at 921600, then
+// the line moves up; the image lands whole. The last row turns the fast link on
+// through the settings file instead of --fast.
+TEST(FastLink, EveryFastRateUpgradesWithReadBack)
+{
+    const Bytes main = MakeImage(2, {90000}, 41, 0x8000, 0x1F8000);
+    struct Case {
+        const char* rate;
+        bool throughSettings;
+    };
+    for (const Case& c : {Case{"1000000", false}, Case{"1500000", false}, Case{"2000000", false},
+                          Case{"3000000", false}, Case{"2000000", true}}) {
+        SCOPED_TRACE(std::string(c.rate) + (c.throughSettings ? " (bFastLink=1)" : " (--fast)"));
+        UpgradeBench bench;
+        bench.WriteFile("main.img", main);
+        std::vector<std::string> args = {"-b", c.rate, "-i", "main.img", "-u", "0", "-r", "1"};
+        if (c.throughSettings) {
+            const std::string settings = "[setting]\nbFastLink=1\n[debug]\niDebugOp=n\n";
+            bench.WriteFile("settings_mac.ini", Bytes(settings.begin(), settings.end()));
+        } else {
+            args.insert(args.begin(), "--fast");
+        }
+        ProcessResult r = bench.Run(args);
+        EXPECT_NE(std::string::npos, r.out.find("100%: Upgrade OK!")) << r.out;
+        EXPECT_NE(std::string::npos, r.out.find("main: 90064 bytes in ")) << r.out;
+        Bytes expected = bench.InitialFlash();
+        ModelBlockWrite(expected, 0, main);
+        ModelOtaArea(expected, 0x1F8000, 0x8000);
+        EXPECT_EQ(-1, FirstDifference(expected, bench.Flash()));
+        // The working rate was really used on the line.
+        EXPECT_NE(std::string::npos, bench.Trace().find(std::string("rx ") + c.rate + " ")) << c.rate;
+    }
+}
+
 }  // namespace

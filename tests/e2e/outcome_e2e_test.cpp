@@ -1,0 +1,76 @@
+// What scripts see of an upgrade against the simulated target: with --exit-code
+// each class of failure has its own status, and --json gives parseable events from
+// start to a single result.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "tests/upgrade/upgrade_fixtures.h"
+
+namespace {
+
+TEST(OutcomeCodes, EachFailureClassHasItsStatus)
+{
+    const Bytes main = MakeImage(1, {20000}, 51);
+    struct Case {
+        const char* name;
+        std::vector<std::string> simArgs;
+        std::vector<std::string> extraArgs;
+        std::string console;
+        int status;
+    };
+    const Case cases[] = {
+        {"success", {}, {}, "", 0},
+        {"the target never answers", {"--fault", "GetFlashId:every:noreply"}, {}, "", 5},
+        {"every erase refused", {"--fault", "EraseFlash:every:error2"}, {}, "", 6},
+        {"read-back always differs", {"--fault", "ReadSector:1+:bitflip"}, {"-r", "1"}, "", 7},
+        {"the adapter is pulled", {"--fault", "WriteSector:3:vanish"}, {}, "", 5},
+        {"the operator types stop", {"--sync-fail", "2"}, {}, "stop\n", 8},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        UpgradeBench bench;
+        bench.WriteFile("main.img", main);
+        std::vector<std::string> args = {"--exit-code", "-i", "main.img", "-u", "0"};
+        args.insert(args.end(), c.extraArgs.begin(), c.extraArgs.end());
+        ProcessResult r = bench.Run(args, c.simArgs, c.console, !c.console.empty());
+        EXPECT_EQ(c.status, r.exitStatus) << r.out;
+    }
+}
+
+TEST(OutcomeJson, AnUpgradeIsStartProgressRegionsAndOneResult)
+{
+    UpgradeBench bench;
+    bench.WriteFile("main.img", MakeImage(2, {70000}, 52, 0x8000, 0x1F8000));
+    ProcessResult r = bench.Run({"--json", "-i", "main.img", "-r", "1"});
+    EXPECT_EQ(0, r.exitStatus) << r.err;
+    std::vector<nlohmann::json> events;
+    std::istringstream lines(r.out);
+    for (std::string line; std::getline(lines, line);) {
+        nlohmann::json event = nlohmann::json::parse(line, nullptr, false);
+        ASSERT_FALSE(event.is_discarded()) << line;
+        events.push_back(event);
+    }
+    ASSERT_GE(events.size(), 4u);
+    EXPECT_EQ("start", events.front()["event"]);
+    EXPECT_EQ("main.img", events.front()["images"][0]);
+    std::vector<std::string> regions;
+    size_t progress = 0;
+    for (const nlohmann::json& e : events) {
+        progress += e["event"] == "progress";
+        if (e["event"] == "region")
+            regions.push_back(e["region"]);
+    }
+    EXPECT_GT(progress, 4u);
+    EXPECT_EQ((std::vector<std::string>{"main", "ota"}), regions);
+    const nlohmann::json& result = events.back();
+    EXPECT_EQ("result", result["event"]);
+    EXPECT_EQ(true, result["ok"]);
+    EXPECT_EQ("Upgrade OK!", result["message"]);
+    EXPECT_EQ(70064u + 0x8000u, result["bytes"].get<unsigned>());
+    // The human text went to the error stream.
+    EXPECT_NE(std::string::npos, r.err.find("100%: Upgrade OK!"));
+}
+
+}  // namespace
