@@ -202,6 +202,18 @@ CCommU::ReadOutcome CCommU::ReadSome(unsigned char* dest, unsigned int wanted, u
     return kReadNothing;
 }
 
+// One read of what is waiting, added to what `buf` already holds: kReadData once
+// all `len` bytes are in, kReadFailed when the line failed, else kReadNothing. The
+// bytes of a reply arriving in pieces are stored in order.
+CCommU::ReadOutcome CCommU::ReadMore(unsigned char* buf, unsigned int len, unsigned int* received)
+{
+    unsigned int got = 0;
+    if (ReadSome(buf + *received, len - *received, &got) == kReadFailed)
+        return kReadFailed;
+    *received += got;
+    return *received == len ? kReadData : kReadNothing;
+}
+
 // A read that fails (adapter unplugged, the other end of the line gone) ends the
 // call at once with -1: a vanished device cannot answer, so polling on for two
 // seconds would only delay the failure.
@@ -224,12 +236,9 @@ unsigned int CCommU::ReadPolled(unsigned char* buf, unsigned int len)
 {
     unsigned int received = 0;
     for (int attempt = 0; attempt < link_timing::kReplyPolls; ++attempt) {
-        unsigned int got = 0;
-        if (ReadSome(buf + received, len - received, &got) == kReadFailed)
-            return kReadTimedOut;
-        received += got;
-        if (received == len)
-            return 0;
+        ReadOutcome step = ReadMore(buf, len, &received);
+        if (step != kReadNothing)
+            return step == kReadData ? 0 : kReadTimedOut;
         usleep(link_timing::PollIntervalUs(iBaudRate));
     }
     m_port->Flush();
@@ -243,12 +252,9 @@ unsigned int CCommU::ReadWaiting(unsigned char* buf, unsigned int len)
     const uint64_t deadline = NowUs() + link_timing::ReplyDeadlineUs(iBaudRate);
     unsigned int received = 0;
     for (;;) {
-        unsigned int got = 0;
-        if (ReadSome(buf + received, len - received, &got) == kReadFailed)
-            return kReadTimedOut;
-        received += got;
-        if (received == len)
-            return 0;
+        ReadOutcome step = ReadMore(buf, len, &received);
+        if (step != kReadNothing)
+            return step == kReadData ? 0 : kReadTimedOut;
         const uint64_t now = NowUs();
         if (now >= deadline)
             break;

@@ -65,6 +65,7 @@ private:
     unsigned int PollIntervalUs() const;
     enum ReadOutcome { kReadData, kReadNothing, kReadFailed };
     ReadOutcome ReadSome(unsigned char* dest, unsigned int wanted, unsigned int* got);
+    ReadOutcome ReadMore(unsigned char* buf, unsigned int len, unsigned int* received);
 
     TtyPort m_tty;
     BytePort* m_port = &m_tty;

@@ -9,6 +9,7 @@
 #include "flashhost/CFlashHost.h"
 #include "image/image_format.h"
 #include "upgrade/file_region.h"
+#include "upgrade/old_block.h"
 #include "upgrade/ota_area.h"
 
 namespace {
@@ -41,8 +42,8 @@ int Refuse(std::string& why, const char* text)
 
 // Data1: the block that holds F keeps its content before F (the end of the OTA area
 // may lie there) and receives up to K ETF bytes from F on. The file bytes are read
-// once, before the first attempt; every attempt re-reads the block's old content
-// from flash and lays them over it.
+// once, before the first attempt, and so is the block's old content (see
+// OldBlockContent); every attempt lays the file bytes over that.
 WriteCycle FirstBlockCycle(unsigned char* data, const std::vector<unsigned char>& chunk,
                            const EtfPlan& plan)
 {
@@ -54,8 +55,9 @@ WriteCycle FirstBlockCycle(unsigned char* data, const std::vector<unsigned char>
     cycle.regionTotal = plan.firstChunk + static_cast<uint64_t>(plan.fullBlocks) * kUpgradeBlockSize + plan.tail;
     for (int step = kStepPrepare; step < kCycleSteps; ++step)
         cycle.percent[step] = 4 + step;
-    cycle.prepare = [data, &chunk, plan]() {
-        if (g_flashHost.ReadFlashLength(plan.firstBlock, data, kUpgradeBlockSize) != 0)
+    SharedOldBlock old = std::make_shared<OldBlockContent>(plan.firstBlock);
+    cycle.prepare = [old, data, &chunk, plan]() {
+        if (old->Load(data) != 0)
             return -1;
         // Bytes the file does not supply keep the block's old content.
         std::memcpy(data + (plan.start - plan.firstBlock), chunk.data(), chunk.size());

@@ -1,4 +1,5 @@
 #include "upgrade/ota_area.h"
+#include "upgrade/old_block.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -52,8 +53,8 @@ void SetAllPercentages(WriteCycle& cycle, int percent)
         p = percent;
 }
 
-// A block cycle whose preparation reads the block's current content into the data
-// buffer and then edits it; every attempt starts again from what flash holds.
+// A block cycle whose preparation puts the block's old content into the data buffer
+// and then edits it. The old content is read from flash once (see OldBlockContent).
 WriteCycle OldContentCycle(uint32_t blockAddress, unsigned char* data, const StepText* texts,
                            int percent, const OtaLayout& layout,
                            void (*edit)(const OtaLayout&, unsigned char*))
@@ -65,8 +66,9 @@ WriteCycle OldContentCycle(uint32_t blockAddress, unsigned char* data, const Ste
     cycle.region = "ota";
     cycle.regionTotal = layout.size;
     SetAllPercentages(cycle, percent);
-    cycle.prepare = [blockAddress, data, &layout, edit]() {
-        if (g_flashHost.ReadFlashLength(blockAddress, data, kUpgradeBlockSize) != 0)
+    SharedOldBlock old = std::make_shared<OldBlockContent>(blockAddress);
+    cycle.prepare = [old, data, &layout, edit]() {
+        if (old->Load(data) != 0)
             return -1;
         edit(layout, data);
         return 0;

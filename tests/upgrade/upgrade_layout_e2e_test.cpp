@@ -2,6 +2,8 @@
 // and from a combined image; every byte of the flash file is compared.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "tests/upgrade/upgrade_fixtures.h"
 
 namespace {
@@ -76,6 +78,58 @@ TEST(EtfImageRun, LandsBehindTheOtaAreaWithoutItsFirstSection)
                           "91%: Erasing rest ETF data of 64k...\n", "100%: Upgrade OK!\n"});
     const Bytes etfData(etf.begin() + 64 + 1000, etf.end());   // behind the first section
     ASSERT_EQ(etfData.size() - 33792, 65536u + 10800u);
+    EXPECT_EQ(FirstDifference(bench.Flash(), Expected(bench.InitialFlash(), image, otaAddress, otaSize, etfData)), -1);
+}
+
+// Index (from 1) of the first WriteSector frame the target received after its
+// `erases`-th EraseFlash frame, read from the trace's "rx" lines.
+size_t FirstWriteAfterErase(const std::string& trace, size_t erases)
+{
+    size_t erasesSeen = 0, writesSeen = 0;
+    std::istringstream lines(trace);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::string direction, baud, byte;
+        words >> direction >> baud;
+        std::vector<std::string> bytes;
+        while (words >> byte)
+            bytes.push_back(byte);
+        if (direction != "rx" || bytes.size() < 13 || bytes[0] != "42" || bytes[3] != "4D")
+            continue;
+        if (bytes[12] == "19")
+            ++erasesSeen;
+        if (bytes[12] == "1B" && ++writesSeen && erasesSeen == erases)
+            return writesSeen;
+    }
+    return 0;
+}
+
+// The ETF image starts inside the block that holds the OTA header. A write of that
+// block fails after its erase; the retry must not take the erased flash for the
+// block's old content, or the OTA header would be lost while the run says OK.
+TEST(EtfImageRun, RetryAfterAFailedWriteKeepsTheOtaHeaderInTheSharedBlock)
+{
+    const uint32_t otaAddress = 0x0010AC00, otaSize = 0x1000;
+    const Bytes image = MakeImage(2, {9000}, 32, otaSize, otaAddress);
+    const Bytes etf = MakeImage(1, {1000, 20000}, 33);
+    const std::vector<std::string> args = {"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "0", "-r", "1"};
+
+    UpgradeBench clean;
+    clean.WriteFile("main.img", image);
+    clean.WriteFile("etf.img", etf);
+    ASSERT_EQ(0, clean.Run(args).exitStatus);
+    // Erases: the main image's block, the OTA block, then the ETF's first block.
+    const size_t write = FirstWriteAfterErase(clean.Trace(), 3);
+    ASSERT_GT(write, 0u);
+
+    UpgradeBench bench;
+    bench.WriteFile("main.img", image);
+    bench.WriteFile("etf.img", etf);
+    const std::string fault = "WriteSector:" + std::to_string(write + 2) + ":error3";
+    ProcessResult run = bench.Run(args, {"--fault", fault});
+    EXPECT_NE(run.out.find("Write ETF data1 error!"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("100%: Upgrade OK!\n"), std::string::npos) << run.out;
+    const Bytes etfData(etf.begin() + 64 + 1000, etf.end());
     EXPECT_EQ(FirstDifference(bench.Flash(), Expected(bench.InitialFlash(), image, otaAddress, otaSize, etfData)), -1);
 }
 
