@@ -56,8 +56,9 @@ run_one() {
     kind=$(pick KINDS)
     opcode=$(pick OPCODES)
     case $((RANDOM % 3)) in
-        0) when=$((1 + RANDOM % 40)) ;;
-        1) when="$((1 + RANDOM % 40))+" ;;
+        # Early counts, so that most faults fire even on short runs.
+        0) when=$((1 + RANDOM % 12)) ;;
+        1) when="$((1 + RANDOM % 12))+" ;;
         *) when=every ;;
     esac
     rate=$(pick RATES)
@@ -99,6 +100,8 @@ run_one() {
             fi
         fi
         checks+=("main.img 0 0 $main_len")
+        # The fresh OTA header begins with its magic word, A5 5A 5A A5.
+        [ "$ota_size" -gt 0 ] && checks+=("$WORK/ota-magic.bin 0 $ota_addr 4")
         toolargs=(-i main.img "${etf[@]}" -u $((RANDOM % 2)) -r 1)
         ok_text='Upgrade OK!'
     else
@@ -199,6 +202,7 @@ export -f run_one pick
 export seed
 export KINDS_LIST="${KINDS[*]}"
 
+printf '\245\132\132\245' > "$WORK/ota-magic.bin"
 start=$SECONDS
 results=$WORK/results.txt
 : > "$results"

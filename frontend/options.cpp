@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <getopt.h>
 #include <string>
 #include <unistd.h>
@@ -135,6 +136,16 @@ const char* PortListDevRoot()
 }
 const int kLongOptionLineCount = sizeof kLongOptionLines / sizeof kLongOptionLines[0];
 
+// A '?' from getopt is either the -? option or a refusal. A refused letter, or a
+// missing argument, leaves the letter in optopt; -? and an unknown long option
+// leave 0 there, and only the latter is a word beginning "--".
+static bool RefusedOption(int letter, char* argv[])
+{
+    if (letter != '?')
+        return false;
+    return optopt != 0 || (optind > 0 && std::strncmp(argv[optind - 1], "--", 2) == 0);
+}
+
 bool WantsJson(int argc, char* argv[])
 {
     for (int i = 1; i < argc; ++i) {
@@ -171,8 +182,7 @@ OptionOutcome ApplyOptions(int argc, char* argv[])
         }
         // getopt's own errors ('?', after its diagnostic on stderr) and -?.
         if (!ApplySettingOption(letter, optarg))
-            return letter == '?' && optopt != '?' ? OptionOutcome::kBadOption
-                                                  : OptionOutcome::kShowUsage;
+            return RefusedOption(letter, argv) ? OptionOutcome::kBadOption : OptionOutcome::kShowUsage;
     }
     return OptionOutcome::kRunRoads;
 }

@@ -126,8 +126,8 @@ TEST(ApplyOptions, OutcomesAndStopRules)
         {{"-h"}, OptionOutcome::kShowUsage, "tq-system.img"},
         {{"-v", "-i", "x.img"}, OptionOutcome::kShowUsage, "tq-system.img"},
         {{"-?"}, OptionOutcome::kShowUsage, "tq-system.img"},
-        {{"-i", "x.img", "-Z"}, OptionOutcome::kShowUsage, "x.img"},
-        {{"-g"}, OptionOutcome::kShowUsage, "tq-system.img"},  // missing argument
+        {{"-i", "x.img", "-Z"}, OptionOutcome::kBadOption, "x.img"},
+        {{"-g"}, OptionOutcome::kBadOption, "tq-system.img"},  // missing argument
         {{"-s", "-i", "other.img"}, OptionOutcome::kShowInfo, "tq-system.img"},
         {{"-i", "other.img", "-s"}, OptionOutcome::kShowInfo, "other.img"},
     };
