@@ -4,7 +4,6 @@
 // status and flash contents they give on a line that takes every write at once.
 #include <gtest/gtest.h>
 
-#include <cctype>
 
 #include "tests/upgrade/upgrade_fixtures.h"
 
@@ -16,21 +15,6 @@ struct Outcome {
     Bytes flash;
 };
 
-// Device paths ("/dev/pts/<n>") differ between runs; they read "/dev/pts/N" here.
-std::string WithoutDevicePaths(const std::string& text)
-{
-    static const std::string prefix = "/dev/pts/";
-    std::string out;
-    size_t at = 0;
-    for (size_t found; (found = text.find(prefix, at)) != std::string::npos;) {
-        size_t end = found + prefix.size();
-        while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end])))
-            ++end;
-        out += text.substr(at, found - at) + prefix + "N";
-        at = end;
-    }
-    return out + text.substr(at);
-}
 
 struct Operation {
     const char* name;

@@ -4,7 +4,6 @@
 // the change check stops at the first difference and erased sectors are not sent.
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <sstream>
 
 #include "tests/upgrade/upgrade_fixtures.h"
@@ -14,21 +13,6 @@ namespace {
 constexpr uint8_t kReadSector = 0x1A;
 constexpr uint8_t kWriteSector = 0x1B;
 
-// Device paths ("/dev/pts/<n>") differ between runs; they read "/dev/pts/N" here.
-std::string WithoutDevicePaths(const std::string& text)
-{
-    static const std::string prefix = "/dev/pts/";
-    std::string out;
-    size_t at = 0;
-    for (size_t found; (found = text.find(prefix, at)) != std::string::npos;) {
-        size_t end = found + prefix.size();
-        while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end])))
-            ++end;
-        out += text.substr(at, found - at) + prefix + "N";
-        at = end;
-    }
-    return out + text.substr(at);
-}
 
 // Device paths and the fast link's own summary lines are all that may differ.
 std::string Comparable(const std::string& out)

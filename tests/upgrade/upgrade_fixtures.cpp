@@ -1,6 +1,7 @@
 #include "tests/upgrade/upgrade_fixtures.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <iterator>
 #include <regex>
@@ -132,4 +133,19 @@ long FirstDifference(const Bytes& a, const Bytes& b)
 {
     auto at = std::mismatch(a.begin(), a.end(), b.begin(), b.end());
     return at.first == a.end() && at.second == b.end() ? -1 : static_cast<long>(at.first - a.begin());
+}
+
+std::string WithoutDevicePaths(const std::string& text)
+{
+    static const std::string prefix = "/dev/pts/";
+    std::string out;
+    size_t at = 0;
+    for (size_t found; (found = text.find(prefix, at)) != std::string::npos;) {
+        size_t end = found + prefix.size();
+        while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end])))
+            ++end;
+        out += text.substr(at, found - at) + prefix + "N";
+        at = end;
+    }
+    return out + text.substr(at);
 }

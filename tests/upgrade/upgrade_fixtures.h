@@ -73,5 +73,8 @@ size_t CountOccurrences(const std::string& text, const std::string& what);
 // Frames the target received with this opcode (trace lines "rx <baud> 42 52 4F 4D ...").
 size_t CountFramesReceived(const std::string& trace, uint8_t opcode, const std::string& baud = "");
 
+// Device paths ("/dev/pts/<n>") differ between runs; they read "/dev/pts/N" here.
+std::string WithoutDevicePaths(const std::string& text);
+
 // Index of the first differing byte, or -1 when equal (keeps failures readable).
 long FirstDifference(const Bytes& a, const Bytes& b);
