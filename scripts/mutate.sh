@@ -35,7 +35,7 @@ mutants=(
   'flashhost/flash_commands.cpp|s/if \(memcmp\(scratch \+ offset, expected \+ offset, bytes\) == 0\)/if (true)/|change check never finds a difference'
   'flashhost/connection.cpp|s/kUploadRateCap = 921600;/kUploadRateCap = 3000000;/|boot-loader uploaded above 921600'
   'serial/CCommU.cpp|s/const unsigned int kMaxReadLength = 8196;/const unsigned int kMaxReadLength = 8197;/|reply read limit one too high'
-  'serial/CCommU.cpp|s/while \(sent < len\) \{/if (sent < len) {/|a write taken in part is not finished'
+  'serial/CCommU.cpp|s/while \(sent < len\) \{/for (int once = 0; once < 1 \&\& sent < len; ++once) {/|a write taken in part is not finished'
   'serial/CCommU.cpp|s/if \(n < 0 && !WouldBlock\(errno\)\) \{\n        m_lineLost = true;\n        return kReadFailed;/if (false) {\n        return kReadFailed;/|a read error is taken for an idle line'
   'serial/tty_port.cpp|s/return flock\(fd, LOCK_EX . LOCK_NB\) == 0;/return true;/|no exclusive lock on the device'
   'upgrade/write_cycle.cpp|s/return \(320u \* index \+ 80u \* step\)/return (320u * index + 80u * (step + 1))/|progress percentages one step ahead'
@@ -69,7 +69,8 @@ for i in "${!mutants[@]}"; do
         continue
     fi
     if ! cmake --build "$build" -j2 >/dev/null 2>&1; then
-        verdict=killed
+        # A mutant that does not compile says nothing about the tests.
+        verdict=invalid
         how="does not build"
     elif ctest --test-dir "$build" -j2 "${select[@]}" --stop-on-failure >/dev/null 2>&1; then
         verdict=survived
@@ -82,7 +83,9 @@ for i in "${!mutants[@]}"; do
     touch "$file"
     rm -f "$backup"
     echo "mutant $number ($what): $verdict ($how)"
-    if [ "$verdict" = killed ]; then
+    if [ "$verdict" = invalid ]; then
+        stale=$((stale + 1))
+    elif [ "$verdict" = killed ]; then
         killed=$((killed + 1))
     else
         survived=$((survived + 1))
@@ -92,7 +95,7 @@ done
 cmake --build "$build" -j2 >/dev/null
 
 total=$((killed + survived))
-echo "mutants: $total run, $killed killed, $survived survived, $stale stale"
+echo "mutants: $total run, $killed killed, $survived survived, $stale stale or not building"
 [ "$total" -gt 0 ] && echo "score: $((100 * killed / total))%"
 for s in "${survivors[@]}"; do
     echo "survivor $s"
