@@ -198,20 +198,13 @@ run_one() {
     echo "$n $kind $outcome ${took}s ${violation:--} | $repro"
     cd "$WORK" && rm -rf "$dir"
 }
-export -f run_one pick
-export seed
-export KINDS_LIST="${KINDS[*]}"
-
 printf '\245\132\132\245' > "$WORK/ota-magic.bin"
 start=$SECONDS
 results=$WORK/results.txt
 : > "$results"
 for n in $(seq 1 "$runs"); do
-    (
-        KINDS=(${KINDS_LIST}); OPCODES=(any GetFlashId ChangeBaud WriteMemoryLen SetPC EraseFlash ReadSector WriteSector)
-        RATES=(115200 230400 921600 921600 921600 1000000 2000000 3000000)
-        run_one "$n" >> "$results"
-    ) &
+    # A background subshell inherits the functions and lists above as they are.
+    run_one "$n" >> "$results" &
     while [ "$(jobs -rp | wc -l)" -ge "$jobs" ]; do
         wait -n
     done

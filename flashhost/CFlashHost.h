@@ -155,9 +155,6 @@ private:
     int StartBootLoader();
 
     // Length operations (flash_commands.cpp).
-    typedef int (CFlashHost::*SectorCommand)(unsigned int, unsigned char*, unsigned int);
-    int TransferLength(SectorCommand command, unsigned int address, unsigned char* data,
-                       unsigned int length);
     unsigned int SectorsPerCommand(bool forRead) const;
     unsigned int SectorPauseUs() const;
     int ReadPiece(unsigned int sector, unsigned char* dest, unsigned int bytes, unsigned int sectors);

@@ -167,28 +167,25 @@ bool AllErased(const unsigned char* bytes, unsigned int count)
 
 }  // namespace
 
-// Whole sectors from the one holding `address`, in ascending order, each command
-// acknowledged before the next; the last command carries the rounded-up rest.
-int CFlashHost::TransferLength(SectorCommand command, unsigned int address, unsigned char* data,
-                               unsigned int length)
-{
-    const bool reading = command == &CFlashHost::ReadSector;
-    return ForEachCommand(address, length, SectorsPerCommand(reading),
-                          [&](unsigned int sector, unsigned int offset, unsigned int bytes,
-                              unsigned int sectors) {
-                              return reading ? ReadPiece(sector, data + offset, bytes, sectors)
-                                             : WritePiece(sector, data + offset, bytes, sectors);
-                          });
-}
-
+// Both length operations move whole sectors from the one holding `address`, in
+// ascending order, each command acknowledged before the next; the last command
+// carries the rounded-up rest.
 int CFlashHost::ReadFlashLength(unsigned int address, unsigned char* buffer, unsigned int length)
 {
-    return TransferLength(&CFlashHost::ReadSector, address, buffer, length);
+    return ForEachCommand(address, length, SectorsPerCommand(true),
+                          [&](unsigned int sector, unsigned int offset, unsigned int bytes,
+                              unsigned int sectors) {
+                              return ReadPiece(sector, buffer + offset, bytes, sectors);
+                          });
 }
 
 int CFlashHost::WriteFlashLength(unsigned int address, unsigned char* data, unsigned int length)
 {
-    return TransferLength(&CFlashHost::WriteSector, address, data, length);
+    return ForEachCommand(address, length, SectorsPerCommand(false),
+                          [&](unsigned int sector, unsigned int offset, unsigned int bytes,
+                              unsigned int sectors) {
+                              return WritePiece(sector, data + offset, bytes, sectors);
+                          });
 }
 
 int CFlashHost::CompareFlashLength(unsigned int address, const unsigned char* expected,

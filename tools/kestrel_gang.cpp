@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <limits.h>
 #include <poll.h>
 #include <set>
@@ -274,10 +275,15 @@ void ReadOutput(Board& board)
 
 std::string LastLine(const std::string& path)
 {
-    std::string text = Capture({"tail", "-n", "1", path});
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
-        text.pop_back();
-    return text;
+    std::ifstream in(path);
+    std::string line, last;
+    while (std::getline(in, line)) {
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        if (!line.empty())
+            last = line;
+    }
+    return last;
 }
 
 // The child has ended: what its status says where no result line said it.
