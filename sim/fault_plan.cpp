@@ -55,8 +55,26 @@ bool ParseWhen(const std::string& when, FaultSpec& spec)
     return true;
 }
 
+// "raw=" and an even number of hex digits, at least one byte.
+bool ParseRaw(const std::string& hex, FaultSpec& spec)
+{
+    if (hex.empty() || hex.size() % 2 != 0)
+        return false;
+    for (size_t i = 0; i < hex.size(); i += 2) {
+        unsigned long byte = 0;
+        if (!ParseUnsigned(hex.substr(i, 2), 16, 0xFF, byte))
+            return false;
+        spec.raw.push_back(static_cast<uint8_t>(byte));
+    }
+    spec.kind = FaultKind::Raw;
+    return true;
+}
+
 bool ParseKind(const std::string& kind, FaultSpec& spec)
 {
+    const std::string rawPrefix = "raw=";
+    if (kind.compare(0, rawPrefix.size(), rawPrefix) == 0)
+        return ParseRaw(kind.substr(rawPrefix.size()), spec);
     static const struct {
         const char* name;
         FaultKind kind;
@@ -99,7 +117,8 @@ bool Fires(const FaultSpec& spec)
 
 bool FaultReplacesReply(FaultKind kind)
 {
-    return kind == FaultKind::Error || kind == FaultKind::NoReply || kind == FaultKind::Vanish;
+    return kind == FaultKind::Error || kind == FaultKind::NoReply || kind == FaultKind::Vanish ||
+           kind == FaultKind::Raw;
 }
 
 bool FaultPlan::Add(const std::string& text, std::string& error)

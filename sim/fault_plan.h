@@ -16,6 +16,7 @@ enum class FaultKind {
     TooLong,    // acknowledgement claiming a payload of 8,191 bytes
     BitFlip,    // one bit of the data written (or read) is flipped, reply normal
     Vanish,     // the target disappears: pty closed, simulator exits
+    Raw,        // the bytes given (raw=HEX) instead of the reply, command undone
 };
 
 enum class FaultWhen { Nth, NthAndLater, Every };
@@ -27,6 +28,7 @@ struct FaultSpec {
     uint32_t nth = 0;
     FaultKind kind = FaultKind::NoReply;
     uint8_t errorType = 0;
+    std::vector<uint8_t> raw;  // for Raw
     uint32_t baud = 0;         // 0: at every line speed
     uint32_t seen = 0;         // matching commands counted so far
 };

@@ -30,9 +30,12 @@ struct Reply {
     uint32_t newSpeed = 0;        // for ChangeSpeed
 };
 
+// The GetFlashId payload a target answers with unless told otherwise: C8 40 16.
+std::vector<uint8_t> DefaultFlashId();
+
 struct TargetConfig {
     uint8_t responder = 1;
-    std::vector<uint8_t> flashId{0xC8, 0x40, 0x16};
+    std::vector<uint8_t> flashId = DefaultFlashId();
     bool romServesFlash = false;
     bool startAsFirmware = false;
     uint32_t syncFailCount = 0;   // leading sync bytes left unanswered

@@ -4,9 +4,9 @@
 
 namespace {
 
-// 64 KiB takes 32 four-sector commands at 921600 and 128 single ones elsewhere;
+// 64 KiB takes 32 four-sector commands at 921600; elsewhere a command per sector;
 // a rest is rounded up to whole sectors in one more command.
-TEST_F(HostOnFakeTarget, ReadFlashLengthSplitsTheRangeIntoSectorCommands)
+TEST_F(HostOnSim, ReadFlashLengthSplitsTheRangeIntoSectorCommands)
 {
     struct ReadCase {
         const char* name;
@@ -17,19 +17,23 @@ TEST_F(HostOnFakeTarget, ReadFlashLengthSplitsTheRangeIntoSectorCommands)
     };
     const ReadCase cases[] = {
         {"64 KiB fast", 921600, 0x10000, 65536, 32, 0x80, 4, 4},
-        {"64 KiB slow", 115200, 0x10000, 65536, 128, 0x80, 1, 1},
+        {"8 KiB slow", 115200, 0x10000, 8192, 16, 0x80, 1, 1},
         {"3000 bytes fast", 921600, 0x8000, 3000, 2, 0x40, 4, 2},
         {"3000 bytes slow", 115200, 0x8000, 3000, 6, 0x40, 1, 1},
         {"unaligned start", 115200, 0x1234, 512, 1, 9, 1, 1},
         {"one byte", 921600, 0x400, 1, 1, 2, 1, 1},
     };
+    Bytes pattern(0x30000);
+    for (size_t i = 0; i < pattern.size(); ++i)
+        pattern[i] = static_cast<unsigned char>(i * 7 + (i >> 9));
+    link.Preload(0, pattern);
     for (const ReadCase& c : cases) {
         SCOPED_TRACE(c.name);
         Connect(c.baud);
         std::vector<unsigned char> buffer(65536 + 512, 0xEE);
-        ASSERT_EQ(0, host->ReadFlashLength(c.address, buffer.data(), c.length)) << host->m_strMsg;
+        ASSERT_EQ(0, host.ReadFlashLength(c.address, buffer.data(), c.length)) << host.m_strMsg;
 
-        std::vector<ReceivedCommand> reads = fake.CommandsWith(0x1A);
+        std::vector<SimCommand> reads = link.CommandsWith(0x1A);
         ASSERT_EQ(c.commands, reads.size());
         uint32_t next = c.firstSector;
         for (size_t i = 0; i < reads.size(); ++i) {
@@ -40,34 +44,33 @@ TEST_F(HostOnFakeTarget, ReadFlashLengthSplitsTheRangeIntoSectorCommands)
         }
         // Whole sectors travel, but only the bytes asked for land in the buffer.
         uint32_t from = c.firstSector * 512;
-        EXPECT_TRUE(Bytes(buffer.begin(), buffer.begin() + c.length) == fake.Flash(from, c.length));
+        EXPECT_TRUE(Bytes(buffer.begin(), buffer.begin() + c.length) == link.Flash(from, c.length));
         EXPECT_EQ(0xEE, buffer[c.length]) << "nothing stored past the length";
-        host->Close();
-        fake.ClearRecord();
+        host.Close();
     }
 }
 
-TEST_F(HostOnFakeTarget, ZeroLengthSendsNothing)
+TEST_F(HostOnSim, ZeroLengthSendsNothing)
 {
     Connect();
     unsigned char buffer[512];
-    EXPECT_EQ(0, host->ReadFlashLength(0x1000, buffer, 0));
-    EXPECT_EQ(0, host->WriteFlashLength(0x1000, buffer, 0));
-    EXPECT_EQ(0, host->EraseFlashLength(0x10000, 0));
-    EXPECT_EQ(0u, fake.RawBytes().size());
+    EXPECT_EQ(0, host.ReadFlashLength(0x1000, buffer, 0));
+    EXPECT_EQ(0, host.WriteFlashLength(0x1000, buffer, 0));
+    EXPECT_EQ(0, host.EraseFlashLength(0x10000, 0));
+    EXPECT_EQ(0u, link.written.size());
 }
 
-TEST_F(HostOnFakeTarget, WriteFlashLengthSendsEachChunkAfterItsCommand)
+TEST_F(HostOnSim, WriteFlashLengthSendsEachChunkAfterItsCommand)
 {
     Connect(921600);
-    ASSERT_EQ(0, host->EraseFlashLength(0x20000, 0x10000)) << host->m_strMsg;
-    fake.ClearRecord();
+    ASSERT_EQ(0, host.EraseFlashLength(0x20000, 0x10000)) << host.m_strMsg;
+    link.ClearRecord();
     std::vector<unsigned char> data(3072, 0xFF);
     for (size_t i = 0; i < 3000; ++i)
         data[i] = static_cast<unsigned char>(i * 5 + 3);
-    ASSERT_EQ(0, host->WriteFlashLength(0x20000, data.data(), 3000)) << host->m_strMsg;
+    ASSERT_EQ(0, host.WriteFlashLength(0x20000, data.data(), 3000)) << host.m_strMsg;
 
-    std::vector<ReceivedCommand> w = fake.CommandsWith(0x1B);
+    std::vector<SimCommand> w = link.CommandsWith(0x1B);
     ASSERT_EQ(2u, w.size());
     EXPECT_EQ(0x100u, w[0].Param32(0));
     EXPECT_EQ(4u, w[0].Param32(4));
@@ -75,11 +78,10 @@ TEST_F(HostOnFakeTarget, WriteFlashLengthSendsEachChunkAfterItsCommand)
     EXPECT_EQ(2u, w[1].Param32(4));
     EXPECT_EQ(Bytes(data.begin(), data.begin() + 2048), w[0].data);
     EXPECT_EQ(Bytes(data.begin() + 2048, data.end()), w[1].data);
-    EXPECT_TRUE(w[0].answered && w[1].answered) << "a data checksum was wrong";
-    EXPECT_TRUE(Bytes(data.begin(), data.end()) == fake.Flash(0x20000, 3072));
+    EXPECT_TRUE(Bytes(data.begin(), data.end()) == link.Flash(0x20000, 3072));
 }
 
-TEST_F(HostOnFakeTarget, EraseFlashLengthErasesEveryBlockTheRangeMeets)
+TEST_F(HostOnSim, EraseFlashLengthErasesEveryBlockTheRangeMeets)
 {
     Connect();
     struct EraseCase {
@@ -94,10 +96,10 @@ TEST_F(HostOnFakeTarget, EraseFlashLengthErasesEveryBlockTheRangeMeets)
     };
     for (const EraseCase& c : cases) {
         SCOPED_TRACE(c.address);
-        fake.ClearRecord();
-        ASSERT_EQ(0, host->EraseFlashLength(c.address, c.length)) << host->m_strMsg;
+        link.ClearRecord();
+        ASSERT_EQ(0, host.EraseFlashLength(c.address, c.length)) << host.m_strMsg;
         std::vector<uint32_t> blocks;
-        for (const ReceivedCommand& e : fake.CommandsWith(0x19)) {
+        for (const SimCommand& e : link.CommandsWith(0x19)) {
             EXPECT_EQ(3, e.frame[13]) << "erase mode";
             blocks.push_back(e.Param32(1));
         }
@@ -107,30 +109,29 @@ TEST_F(HostOnFakeTarget, EraseFlashLengthErasesEveryBlockTheRangeMeets)
 
 // A range reaching the top of the address space ends there: the block after
 // 0xFFFF0000 would otherwise wrap round to 0 and erase from the start.
-TEST_F(HostOnFakeTarget, EraseAtTheTopOfTheAddressSpaceDoesNotWrap)
+TEST_F(HostOnSim, EraseAtTheTopOfTheAddressSpaceDoesNotWrap)
 {
     Connect();
-    fake.ScriptReply(0x19, MakeAck());  // the fake's flash is smaller; say yes
-    ASSERT_EQ(0, host->EraseFlashLength(0xFFFF8000, 0x18000)) << host->m_strMsg;
-    std::vector<ReceivedCommand> erases = fake.CommandsWith(0x19);
+    link.SetFaults({RawReplyFault("EraseFlash", MakeAck())});  // the flash is smaller; say yes
+    ASSERT_EQ(0, host.EraseFlashLength(0xFFFF8000, 0x18000)) << host.m_strMsg;
+    std::vector<SimCommand> erases = link.CommandsWith(0x19);
     ASSERT_EQ(1u, erases.size());
     EXPECT_EQ(0xFFFF0000u, erases[0].Param32(1));
 }
 
-TEST_F(HostOnFakeTarget, FirstFailingCommandEndsTheOperation)
+TEST_F(HostOnSim, FirstFailingCommandEndsTheOperation)
 {
     Connect(921600);
-    fake.ScriptReply(0x1A, MakeErrorReply(3), 2);
+    link.SetFaults({"ReadSector:2:error3", "EraseFlash:1:error4"});
     std::vector<unsigned char> buffer(65536);
-    EXPECT_EQ(-1, host->ReadFlashLength(0, buffer.data(), 65536));
-    EXPECT_EQ("CMD checksum error!", host->m_strMsg);
-    EXPECT_EQ(2u, fake.CommandsWith(0x1A).size());
+    EXPECT_EQ(-1, host.ReadFlashLength(0, buffer.data(), 65536));
+    EXPECT_EQ("CMD checksum error!", host.m_strMsg);
+    EXPECT_EQ(2u, link.CommandsWith(0x1A).size());
 
-    fake.ClearRecord();
-    fake.ScriptReply(0x19, MakeErrorReply(4));
-    EXPECT_EQ(-1, host->EraseFlashLength(0, 0x30000));
-    EXPECT_EQ("CMD invalid!", host->m_strMsg);
-    EXPECT_EQ(1u, fake.CommandsWith(0x19).size());
+    link.ClearRecord();
+    EXPECT_EQ(-1, host.EraseFlashLength(0, 0x30000));
+    EXPECT_EQ("CMD invalid!", host.m_strMsg);
+    EXPECT_EQ(1u, link.CommandsWith(0x19).size());
 }
 
 }  // namespace
