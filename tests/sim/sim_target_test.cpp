@@ -1,164 +1,157 @@
-// The simulated target as a host sees it on the wire: the worked example frames,
-// synchronisation, how a strict target refuses frames that are not quite right, the
-// NOR flash model, the line and the chip's states (speeds, the boot-loader start,
-// reboot, running firmware, sessions, pacing) and injected faults.
+// The simulated chip as a host sees it, driven in this process with a clock of the
+// test's own: the worked example frames, synchronisation, how a strict target
+// refuses frames that are not quite right, the NOR flash model, the chip's states
+// (speeds, the boot-loader start, reboot, running firmware) and injected faults.
+// Frames come from the test's own small encoder, pinned to the worked examples.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
-#include <unistd.h>
 
-#include "tests/sim/sim_wire_client.h"
+#include "sim/sim_target.h"
 #include "tests/support/process.h"
+#include "tests/support/serial_fixtures.h"
+#include "tests/support/sim_link.h"
 
 namespace {
 
-// GetFlashId answers with the configured responder code and identifier.
-TEST(SimFrames, WorkedExamplesMatchTheBuilderAndAreAnsweredWithCheckedReplies)
+struct Param {
+    uint32_t value;
+    int size;
+};
+
+void PutLe(Bytes& out, uint32_t value, int size)
 {
-    const struct {
-        const char* hex;
-        Bytes built;        // the same frame from the test's own builder
-        size_t payload;     // acknowledgement payload expected
-    } examples[] = {
-        {"42 52 4F 4D 04 00 60 51 00 00 00 01 18", GetFlashIdFrame(), 24},
-        {"42 52 4F 4D 04 00 60 57 00 00 00 01 12", CommandFrame(0x12, {}), 0},
-        {"42 52 4F 4D 04 00 52 42 00 00 00 05 10 03 0E 10 00", ChangeBaudFrame(921600), 0},
-        {"42 52 4F 4D 04 00 5E 51 00 00 00 05 13 00 01 01 01", SetPcFrame(0x00010101), 0},
-        {"42 52 4F 4D 04 00 5D 4A 00 00 00 06 19 03 00 01 00 00", EraseFrame(0x10000), 0},
-        {"42 52 4F 4D 04 00 DC 47 00 00 00 09 1A 00 00 00 80 00 00 00 04", ReadSectorFrame(0x80, 4), 2048},
-        {"42 52 4F 4D 04 00 E0 44 00 00 00 0B 1B 00 00 00 80 00 00 00 01 00 FF",
-         WriteSectorFrame(0x80, 1, 0x00FF), 0},
-    };
-    EXPECT_EQ(DataChecksum(Bytes(512, 0xFF)), 0x00FF);
-    for (const auto& example : examples) {
-        SCOPED_TRACE(example.hex);
-        EXPECT_EQ(ToHex(example.built), example.hex);
-        // A fresh target each time: the ROM here serves flash, nothing changes speed first.
-        SimProcess sim({"--responder", "2", "--flash-id", "0102030405060708090A0B0C0D0E0F101112131415161718"});
-        ASSERT_TRUE(sim.Started());
-        SimPort port(sim.DevicePath());
-        SimReply reply = port.Exchange(FromHex(example.hex));
-        ASSERT_TRUE(reply.IsAck());
-        EXPECT_EQ(reply.responder, 2);
-        EXPECT_EQ(reply.payload.size(), example.payload);
-        if (example.payload == 24) {
-            EXPECT_EQ(ToHex(reply.payload), "01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 11 12 13 14 15 16 17 18");
+    for (int i = 0; i < size; ++i)
+        out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+}
+
+void PutBeAt(Bytes& out, size_t at, uint32_t value, int size)
+{
+    for (int i = 0; i < size; ++i)
+        out[at + i] = static_cast<uint8_t>(value >> (8 * (size - 1 - i)));
+}
+
+uint16_t WordSum(const Bytes& bytes)
+{
+    uint32_t sum = 0;
+    for (size_t i = 0; i < bytes.size(); i += 2)
+        sum += bytes[i] | (i + 1 < bytes.size() ? bytes[i + 1] << 8 : 0);
+    return static_cast<uint16_t>(sum);
+}
+
+uint16_t DataSum(const Bytes& data)
+{
+    return static_cast<uint16_t>(~WordSum(data));
+}
+
+// Header and opcode, the parameters, `raw` bytes unchanged; the checksum is the
+// complement of the word sum over the frame with its numbers little-endian.
+Bytes Frame(uint8_t opcode, const std::vector<Param>& params = {}, const Bytes& raw = {})
+{
+    Bytes frame = {0x42, 0x52, 0x4F, 0x4D, 0x04, 0x00, 0x00, 0x00};
+    uint32_t length = 1 + static_cast<uint32_t>(raw.size());
+    for (const Param& p : params)
+        length += static_cast<uint32_t>(p.size);
+    PutLe(frame, length, 4);
+    frame.push_back(opcode);
+    for (const Param& p : params)
+        PutLe(frame, p.value, p.size);
+    frame.insert(frame.end(), raw.begin(), raw.end());
+    PutBeAt(frame, 6, static_cast<uint16_t>(~WordSum(frame)), 2);
+    PutBeAt(frame, 8, length, 4);
+    size_t at = 13;
+    for (const Param& p : params) {
+        PutBeAt(frame, at, p.value, p.size);
+        at += static_cast<size_t>(p.size);
+    }
+    return frame;
+}
+
+Bytes GetFlashId() { return Frame(0x18); }
+Bytes ChangeBaud(uint32_t speed) { return Frame(0x10, {{0x03000000u | speed, 4}}); }
+Bytes Erase(uint32_t address) { return Frame(0x19, {{3, 1}, {address, 4}}); }
+Bytes ReadSector(uint32_t sector, uint32_t count) { return Frame(0x1A, {{sector, 4}, {count, 4}}); }
+Bytes WriteSector(uint32_t sector, uint32_t count, uint16_t sum)
+{
+    return Frame(0x1B, {{sector, 4}, {count, 4}, {sum, 2}});
+}
+Bytes WriteMemory(uint32_t address, uint32_t count, uint16_t sum)
+{
+    return Frame(0x09, {{address, 4}, {count, 4}, {sum, 2}});
+}
+
+struct Answer {
+    Bytes bytes;
+    bool Ack() const { return bytes.size() >= 12 && bytes[4] == 0x06 && SumOk(); }
+    int ErrorType() const { return bytes.size() == 13 && (bytes[4] & 1) ? bytes[12] : -1; }
+    Bytes Payload() const { return bytes.size() > 12 ? Bytes(bytes.begin() + 12, bytes.end()) : Bytes(); }
+    bool SumOk() const
+    {
+        Bytes host = bytes;
+        host[6] = host[7] = 0;
+        std::reverse(host.begin() + 8, host.begin() + 12);
+        return static_cast<uint16_t>(~WordSum(host)) == ((bytes[6] << 8) | bytes[7]);
+    }
+};
+
+// The chip with its flash, faults and trace; time moves only when the test says.
+class Chip {
+public:
+    explicit Chip(ksim::TargetConfig config = ksim::TargetConfig(),
+                  const std::vector<std::string>& faults = {}, uint32_t flashSize = 4u << 20,
+                  const std::string& flashPath = "")
+        : m_target(config, m_flash, m_faults, m_trace)
+    {
+        std::string error;
+        EXPECT_TRUE(m_flash.Open(flashPath, flashSize, error)) << error;
+        for (const std::string& f : faults)
+            EXPECT_TRUE(m_faults.Add(f, error)) << error;
+    }
+
+    Answer Send(const Bytes& bytes)
+    {
+        std::vector<ksim::Reply> replies;
+        m_target.Receive(bytes.data(), bytes.size(), m_nowUs, replies);
+        Answer answer;
+        for (const ksim::Reply& r : replies) {
+            answer.bytes.insert(answer.bytes.end(), r.bytes.begin(), r.bytes.end());
+            m_target.ReplySent(r);
         }
+        return answer;
     }
-}
-
-TEST(SimFrames, SyncFailLeavesTheFirstSyncBytesUnansweredThenEverySyncIsOk)
-{
-    SimProcess sim({"--sync-fail", "3"});
-    SimPort port(sim.DevicePath());
-    for (int i = 0; i < 3; ++i) {
-        port.Send({0x55});
-        EXPECT_TRUE(port.Silent(200)) << "sync " << i + 1;
+    bool Sync() { return Send({0x55}).bytes == Bytes{'O', 'K'}; }
+    // The command, then its data phase when the command was acknowledged.
+    Answer Write(const Bytes& command, const Bytes& data)
+    {
+        Answer first = Send(command);
+        return first.Ack() ? Send(data) : first;
     }
-    for (int i = 0; i < 3; ++i)
-        EXPECT_TRUE(port.Sync());
-}
-
-TEST(SimFrames, MalformedFramesAndDataPhasesGetTheMatchingErrorTypeAndStoreNothing)
-{
-    Bytes badChecksum = GetFlashIdFrame();
-    badChecksum[7] ^= 0x01;
-    // Flags 0x06 with the checksum adjusted to match: flags are summed as the low
-    // byte of the word at offset 4, so the sum grows by 2 and the checksum shrinks by 2.
-    Bytes badFlags = GetFlashIdFrame();
-    badFlags[4] = 0x06;
-    badFlags[7] = static_cast<uint8_t>(badFlags[7] - 2);   // 0x51: no borrow
-    // Checksum over the frame as it travels, not in host order: SetPC, parameter byte-swapped.
-    Bytes wireSummed = CommandFrame(0x13, {{0x01010100, 4}});
-    std::reverse(wireSummed.begin() + 13, wireSummed.end());
-    const struct {
-        const char* name;
-        Bytes frame;
-        int type;
-    } cases[] = {
-        {"checksum", badChecksum, 3},
-        {"checksum over wire order", wireSummed, 3},
-        {"body too long for opcode", CommandFrame(0x18, {{0, 1}}), 4},
-        {"body too short for opcode", CommandFrame(0x04, {{0x10000, 2}}), 4},
-        {"unknown opcode", CommandFrame(0x30, {}), 1},
-        {"flags not 0x04", badFlags, 4},
-        {"length 0", FromHex("42 52 4F 4D 04 00 00 00 00 00 00 00"), 4},
-        {"length beyond any command", FromHex("42 52 4F 4D 04 00 00 00 00 00 10 00"), 4},
-        {"erase mode other than 3", CommandFrame(0x19, {{2, 1}, {0x10000, 4}}), 4},
-        {"erase outside flash", EraseFrame(0x00400000), 4},
-        {"read more than a reply holds", ReadSectorFrame(0, 16), 4},
-        {"read past the flash end", ReadSectorFrame(8191, 2), 4},
-        {"memory read outside SRAM", CommandFrame(0x08, {{0x20000000, 4}, {16, 4}}), 4},
-        {"memory read beyond the reply buffer", CommandFrame(0x08, {{0x00010000, 4}, {8191, 4}}), 4},
-        {"memory write past the SRAM end", WriteMemoryFrame(0x0007FF00, 0x200, 0), 4},
-        {"write sectors beyond the buffer", WriteSectorFrame(0, 17, 0), 5},
-        {"speed 0", CommandFrame(0x10, {{0x03000000, 4}}), 4},
-    };
-    SimProcess sim({"--rom-flash", "yes"});
-    SimPort port(sim.DevicePath());
-    for (const auto& c : cases) {
-        SimReply reply = port.Exchange(c.frame);
-        ASSERT_TRUE(reply.complete) << c.name;
-        EXPECT_EQ(reply.flags & 0x01, 0x01) << c.name;
-        EXPECT_EQ(reply.errorType, c.type) << c.name;
-        EXPECT_TRUE(reply.checksumOk) << c.name;
-        EXPECT_TRUE(port.Silent(50)) << c.name << ": more bytes than one error reply";
+    bool WriteSectors(uint32_t sector, const Bytes& data)
+    {
+        return Write(WriteSector(sector, static_cast<uint32_t>(data.size() / 512), DataSum(data)), data).Ack();
     }
-    // A data phase with the wrong checksum is refused and not stored.
-    Bytes data = {9, 9, 9, 9};
-    EXPECT_EQ(WriteWithData(port, WriteMemoryFrame(0x00030000, 4, DataChecksum(data) ^ 1), data).errorType, 3);
-    EXPECT_EQ(ToHex(port.Exchange(CommandFrame(0x08, {{0x00030000, 4}, {4, 4}})).payload), "00 00 00 00");
-    Bytes sector(512, 0);
-    EXPECT_EQ(WriteWithData(port, WriteSectorFrame(10, 1, DataChecksum(sector) ^ 0x8000), sector).errorType, 3);
-    EXPECT_EQ(ReadSectors(port, 10, 1), Bytes(512, 0xFF));
-    // After all that the target still answers normally.
-    EXPECT_TRUE(port.Exchange(GetFlashIdFrame()).IsAck());
-}
+    Bytes ReadSectors(uint32_t sector, uint32_t count) { return Send(ReadSector(sector, count)).Payload(); }
+    void Pass(int64_t ms)
+    {
+        m_nowUs += ms * 1000;
+        m_target.CheckQuiet(m_nowUs);
+    }
+    ksim::SimTarget& Target() { return m_target; }
 
-TEST(SimFrames, GarbageIsSkippedAndHalfAFrameOrDataPhaseIsForgottenAfterAQuietTime)
+private:
+    ksim::NorFlash m_flash;
+    ksim::FaultPlan m_faults;
+    ksim::TraceLog m_trace;
+    ksim::SimTarget m_target;
+    int64_t m_nowUs = 1000000;
+};
+
+ksim::TargetConfig RomFlash(uint8_t responder = 1)
 {
-    SimProcess sim({});
-    SimPort port(sim.DevicePath());
-    const Bytes frame = GetFlashIdFrame();
-    Bytes stream = FromHex("00 FF 42 52 4F 00 13 42 42 52");   // includes broken magics
-    stream.insert(stream.end(), frame.begin(), frame.end());
-    SimReply reply = port.Exchange(stream);
-    EXPECT_TRUE(reply.IsAck());
-    EXPECT_EQ(ToHex(reply.payload), "C8 40 16");
-    EXPECT_TRUE(port.Silent(100));
-
-    port.Send(Bytes(frame.begin(), frame.begin() + 7));
-    EXPECT_TRUE(port.Silent(700));
-    EXPECT_TRUE(port.Exchange(frame).IsAck());
-    // Likewise a data phase the host gave up on: the next frame is a frame again.
-    ASSERT_TRUE(port.Exchange(WriteMemoryFrame(0x00020000, 64, 0)).IsAck());
-    port.Send(Bytes(20, 0x11));
-    EXPECT_TRUE(port.Silent(700));
-    EXPECT_TRUE(port.Exchange(frame).IsAck());
-}
-
-TEST(SimFrames, RegisterAndMemoryAccessesRoundTrip)
-{
-    SimProcess sim({});
-    SimPort port(sim.DevicePath());
-    // Write_4_byte at a register address outside SRAM, value bytes sent as they lie.
-    ASSERT_TRUE(port.Exchange(CommandFrame(0x05, {{0x20000000, 4}}, {0x78, 0x56, 0x34, 0x12})).IsAck());
-    EXPECT_EQ(ToHex(port.Exchange(CommandFrame(0x04, {{0x20000000, 4}})).payload), "78 56 34 12");
-    EXPECT_EQ(ToHex(port.Exchange(CommandFrame(0x02, {{0x20000002, 4}})).payload), "34 12");
-    EXPECT_EQ(ToHex(port.Exchange(CommandFrame(0x06, {{0x40000000, 4}})).payload), "00 00 00 00 00 00 00 00");
-
-    // Bulk write into SRAM, read back with ReadMemoryLen and a single-byte read.
-    Bytes data = {1, 2, 3, 4, 5};
-    ASSERT_TRUE(WriteWithData(port, WriteMemoryFrame(0x00020000, 5, DataChecksum(data)), data).IsAck());
-    EXPECT_EQ(port.Exchange(CommandFrame(0x08, {{0x00020000, 4}, {5, 4}})).payload, data);
-    EXPECT_EQ(ToHex(port.Exchange(CommandFrame(0x00, {{0x00020004, 4}})).payload), "05");
-    // A byte count of 0 is acknowledged with an empty payload.
-    SimReply none = port.Exchange(CommandFrame(0x08, {{0x00020000, 4}, {0, 4}}));
-    EXPECT_TRUE(none.IsAck());
-    EXPECT_EQ(none.length, 0u);
-    EXPECT_TRUE(port.Exchange(CommandFrame(0x11, {{1, 1}})).IsAck());   // SetJtag
+    ksim::TargetConfig config;
+    config.responder = responder;
+    config.romServesFlash = true;
+    return config;
 }
 
 Bytes Pattern(size_t size, uint8_t seed)
@@ -169,292 +162,285 @@ Bytes Pattern(size_t size, uint8_t seed)
     return data;
 }
 
+// A plausible program: stack 0x0007E000, reset 0x00010101, then filler.
+Bytes BootLoaderImage(uint32_t stack = 0x0007E000, uint32_t reset = 0x00010101)
+{
+    Bytes image = Pattern(1024, 3);
+    for (int i = 0; i < 4; ++i) {
+        image[i] = static_cast<uint8_t>(stack >> (8 * i));
+        image[4 + i] = static_cast<uint8_t>(reset >> (8 * i));
+    }
+    return image;
+}
+
+TEST(SimFrames, WorkedExamplesMatchTheEncoderAndAreAnsweredWithCheckedReplies)
+{
+    const struct {
+        const char* hex;
+        Bytes built;
+        size_t payload;
+    } examples[] = {
+        {"42 52 4F 4D 04 00 60 51 00 00 00 01 18", GetFlashId(), 24},
+        {"42 52 4F 4D 04 00 52 42 00 00 00 05 10 03 0E 10 00", ChangeBaud(921600), 0},
+        {"42 52 4F 4D 04 00 5E 51 00 00 00 05 13 00 01 01 01", Frame(0x13, {{0x00010101, 4}}), 0},
+        {"42 52 4F 4D 04 00 5D 4A 00 00 00 06 19 03 00 01 00 00", Erase(0x10000), 0},
+        {"42 52 4F 4D 04 00 DC 47 00 00 00 09 1A 00 00 00 80 00 00 00 04", ReadSector(0x80, 4), 2048},
+        {"42 52 4F 4D 04 00 E0 44 00 00 00 0B 1B 00 00 00 80 00 00 00 01 00 FF",
+         WriteSector(0x80, 1, DataSum(Bytes(512, 0xFF))), 0},
+        {"42 52 4F 4D 04 00 60 57 00 00 00 01 12", Frame(0x12), 0},
+    };
+    ksim::TargetConfig config = RomFlash(2);
+    config.flashId = Pattern(24, 1);
+    Chip chip(config);
+    for (const auto& example : examples) {
+        SCOPED_TRACE(example.hex);
+        EXPECT_EQ(example.hex, ToHex(example.built));
+        Answer answer = chip.Send(HexBytes(example.hex));
+        ASSERT_TRUE(answer.Ack()) << ToHex(answer.bytes);
+        EXPECT_EQ(2, answer.bytes[5]) << "responder";
+        EXPECT_EQ(example.payload, answer.Payload().size());
+        if (example.built[12] == 0x1B) {
+            EXPECT_TRUE(chip.Send(Bytes(512, 0xFF)).Ack()) << "the data phase";
+        }
+    }
+    EXPECT_EQ(Pattern(24, 1), chip.Send(GetFlashId()).Payload());
+    EXPECT_EQ("42 52 4F 4D 06 01 1E 87 00 00 00 03 C8 40 16", ToHex(Chip().Send(GetFlashId()).bytes));
+}
+
+TEST(SimFrames, SyncFailLeavesTheFirstSyncBytesUnansweredThenEverySyncIsOk)
+{
+    ksim::TargetConfig config;
+    config.syncFailCount = 3;
+    Chip chip(config);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(chip.Send({0x55}).bytes.empty()) << "sync " << i + 1;
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(chip.Sync());
+}
+
+TEST(SimFrames, MalformedFramesAndDataPhasesGetTheMatchingErrorTypeAndStoreNothing)
+{
+    Bytes badChecksum = GetFlashId();
+    badChecksum[7] ^= 0x01;
+    // Flags 0x06 with the checksum adjusted to match: flags are the low byte of the
+    // word at offset 4, so the sum grows by 2 and the checksum shrinks by 2.
+    Bytes badFlags = GetFlashId();
+    badFlags[4] = 0x06;
+    badFlags[7] = static_cast<uint8_t>(badFlags[7] - 2);
+    // Checksum over the frame as it travels, not in host order.
+    Bytes wireSummed = Frame(0x13, {{0x01010100, 4}});
+    std::reverse(wireSummed.begin() + 13, wireSummed.end());
+    const struct {
+        const char* name;
+        Bytes frame;
+        int type;
+    } cases[] = {
+        {"checksum", badChecksum, 3},
+        {"checksum over wire order", wireSummed, 3},
+        {"body too long for opcode", Frame(0x18, {{0, 1}}), 4},
+        {"body too short for opcode", Frame(0x04, {{0x10000, 2}}), 4},
+        {"unknown opcode", Frame(0x30), 1},
+        {"flags not 0x04", badFlags, 4},
+        {"length 0", HexBytes("42 52 4F 4D 04 00 00 00 00 00 00 00"), 4},
+        {"length beyond any command", HexBytes("42 52 4F 4D 04 00 00 00 00 00 10 00"), 4},
+        {"erase mode other than 3", Frame(0x19, {{2, 1}, {0x10000, 4}}), 4},
+        {"erase outside flash", Erase(0x00400000), 4},
+        {"read more than a reply holds", ReadSector(0, 16), 4},
+        {"read past the flash end", ReadSector(8191, 2), 4},
+        {"memory read outside SRAM", Frame(0x08, {{0x20000000, 4}, {16, 4}}), 4},
+        {"memory read beyond the reply buffer", Frame(0x08, {{0x00010000, 4}, {8191, 4}}), 4},
+        {"memory write past the SRAM end", WriteMemory(0x0007FF00, 0x200, 0), 4},
+        {"write sectors beyond the buffer", WriteSector(0, 17, 0), 5},
+        {"speed 0", Frame(0x10, {{0x03000000, 4}}), 4},
+    };
+    Chip chip(RomFlash());
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Answer answer = chip.Send(c.frame);
+        EXPECT_EQ(c.type, answer.ErrorType()) << ToHex(answer.bytes);
+        EXPECT_TRUE(answer.SumOk());
+    }
+    Bytes data = {9, 9, 9, 9};
+    EXPECT_EQ(3, chip.Write(WriteMemory(0x00030000, 4, DataSum(data) ^ 1), data).ErrorType());
+    EXPECT_EQ(Bytes(4, 0), chip.Send(Frame(0x08, {{0x00030000, 4}, {4, 4}})).Payload());
+    Bytes sector(512, 0);
+    EXPECT_EQ(3, chip.Write(WriteSector(10, 1, DataSum(sector) ^ 0x8000), sector).ErrorType());
+    EXPECT_EQ(Bytes(512, 0xFF), chip.ReadSectors(10, 1));
+    EXPECT_TRUE(chip.Send(GetFlashId()).Ack());
+}
+
+TEST(SimFrames, GarbageIsSkippedAndHalfAFrameOrDataPhaseIsForgottenAfterAQuietTime)
+{
+    Chip chip;
+    const Bytes frame = GetFlashId();
+    Bytes stream = HexBytes("00 FF 42 52 4F 00 13 42 42 52");  // broken magics
+    stream.insert(stream.end(), frame.begin(), frame.end());
+    EXPECT_EQ(HexBytes("C8 40 16"), chip.Send(stream).Payload());
+
+    EXPECT_TRUE(chip.Send(Bytes(frame.begin(), frame.begin() + 7)).bytes.empty());
+    chip.Pass(700);
+    EXPECT_TRUE(chip.Send(frame).Ack());
+    ASSERT_TRUE(chip.Send(WriteMemory(0x00020000, 64, 0)).Ack());
+    EXPECT_TRUE(chip.Send(Bytes(20, 0x11)).bytes.empty());
+    chip.Pass(700);
+    EXPECT_TRUE(chip.Send(frame).Ack()) << "the abandoned data phase swallowed a frame";
+}
+
+TEST(SimFrames, RegisterAndMemoryAccessesRoundTrip)
+{
+    Chip chip;
+    ASSERT_TRUE(chip.Send(Frame(0x05, {{0x20000000, 4}}, {0x78, 0x56, 0x34, 0x12})).Ack());
+    EXPECT_EQ(HexBytes("78 56 34 12"), chip.Send(Frame(0x04, {{0x20000000, 4}})).Payload());
+    EXPECT_EQ(HexBytes("34 12"), chip.Send(Frame(0x02, {{0x20000002, 4}})).Payload());
+    EXPECT_EQ(Bytes(8, 0), chip.Send(Frame(0x06, {{0x40000000, 4}})).Payload());
+    Bytes data = {1, 2, 3, 4, 5};
+    ASSERT_TRUE(chip.Write(WriteMemory(0x00020000, 5, DataSum(data)), data).Ack());
+    EXPECT_EQ(data, chip.Send(Frame(0x08, {{0x00020000, 4}, {5, 4}})).Payload());
+    EXPECT_EQ(HexBytes("05"), chip.Send(Frame(0x00, {{0x00020004, 4}})).Payload());
+    Answer none = chip.Send(Frame(0x08, {{0x00020000, 4}, {0, 4}}));
+    EXPECT_TRUE(none.Ack());
+    EXPECT_TRUE(none.Payload().empty());
+    EXPECT_TRUE(chip.Send(Frame(0x11, {{1, 1}})).Ack());  // SetJtag
+}
+
 TEST(SimFlash, SectorsProgramByAndEraseSetsFFAndRangesEndAtTheConfiguredSize)
 {
     TempDir dir;
-    std::string flashPath = dir.File("flash.bin");
-    SimProcess sim({"--rom-flash", "yes", "--flash", flashPath, "--flash-size", "0x20000"});
-    SimPort port(sim.DevicePath());
-
+    std::string path = dir.File("flash.bin");
+    Chip chip(RomFlash(), {}, 0x20000, path);
     Bytes first = Pattern(1024, 0x5A), second = Pattern(1024, 0xC3), both(1024);
     for (size_t i = 0; i < both.size(); ++i)
         both[i] = first[i] & second[i];
-    ASSERT_TRUE(WriteSectors(port, 0x81, first));
-    EXPECT_EQ(ReadSectors(port, 0x81, 2), first);
-    ASSERT_TRUE(WriteSectors(port, 0x81, second));
-    EXPECT_EQ(ReadSectors(port, 0x81, 2), both);
+    ASSERT_TRUE(chip.WriteSectors(0x81, first));
+    EXPECT_EQ(first, chip.ReadSectors(0x81, 2));
+    ASSERT_TRUE(chip.WriteSectors(0x81, second));
+    EXPECT_EQ(both, chip.ReadSectors(0x81, 2));
+    Bytes file = ReadFileBytes(path);  // every change is in the file once acknowledged
+    ASSERT_EQ(0x20000u, file.size());
+    EXPECT_EQ(both, Bytes(file.begin() + 0x10200, file.begin() + 0x10600));
 
-    // The file holds every change as soon as it was acknowledged.
-    Bytes file = ReadFileBytes(flashPath);
-    ASSERT_EQ(file.size(), 0x20000u);
-    EXPECT_EQ(Bytes(file.begin() + 0x10200, file.begin() + 0x10600), both);
-    EXPECT_EQ(file[0x101FF], 0xFF);
-    EXPECT_EQ(file[0x10600], 0xFF);
+    // Erasing any address inside a block clears the whole block, and only it.
+    ASSERT_TRUE(chip.WriteSectors(0x7F, Pattern(512, 1)));
+    ASSERT_TRUE(chip.Send(Erase(0x1ABCD)).Ack());
+    EXPECT_EQ(Bytes(2048, 0xFF), chip.ReadSectors(0x80, 4));
+    EXPECT_EQ(Pattern(512, 1), chip.ReadSectors(0x7F, 1));
+    file = ReadFileBytes(path);
+    EXPECT_EQ(Bytes(0x10000, 0xFF), Bytes(file.begin() + 0x10000, file.end()));
+    EXPECT_TRUE(chip.Send(Erase(0x1FFFF)).Ack());
+    EXPECT_EQ(4, chip.Send(Erase(0x20000)).ErrorType());
+    EXPECT_EQ(512u, chip.ReadSectors(255, 1).size());
+    for (const Bytes& frame : {ReadSector(255, 2), ReadSector(0xFFFFFFFF, 1), WriteSector(256, 1, 0)})
+        EXPECT_EQ(4, chip.Send(frame).ErrorType());
 
-    // Erasing any address inside the block clears the whole block, and only it.
-    ASSERT_TRUE(WriteSectors(port, 0x7F, Pattern(512, 1)));   // last sector of block 0
-    ASSERT_TRUE(port.Exchange(EraseFrame(0x1ABCD)).IsAck());
-    EXPECT_EQ(ReadSectors(port, 0x80, 4), Bytes(2048, 0xFF));
-    EXPECT_EQ(ReadSectors(port, 0x7F, 1), Pattern(512, 1));
-    file = ReadFileBytes(flashPath);
-    EXPECT_EQ(Bytes(file.begin() + 0x10000, file.end()), Bytes(0x10000, 0xFF));
-    EXPECT_TRUE(port.Exchange(EraseFrame(0x1FFFF)).IsAck());
-    EXPECT_EQ(port.Exchange(EraseFrame(0x20000)).errorType, 4);
-    EXPECT_EQ(ReadSectors(port, 255, 1).size(), 512u);
-    for (const Bytes& frame : {ReadSectorFrame(255, 2), ReadSectorFrame(0xFFFFFFFF, 1), WriteSectorFrame(256, 1, 0)})
-        EXPECT_EQ(port.Exchange(frame).errorType, 4);
-    EXPECT_EQ(sim.Stop(), "erase-count 0x00010000 2\n");
-}
-
-TEST(SimFlash, NewFileIsErasedKeepsItsContentsAcrossRunsAndAWrongSizeIsRefused)
-{
-    TempDir dir;
-    std::string flashPath = dir.File("flash.bin");
-    {
-        SimProcess sim({"--rom-flash", "yes", "--flash", flashPath});
-        SimPort port(sim.DevicePath());
-        ASSERT_TRUE(WriteSectors(port, 3, Pattern(512, 7)));
-    }
-    Bytes expected(4u << 20, 0xFF);
-    Bytes data = Pattern(512, 7);
-    std::copy(data.begin(), data.end(), expected.begin() + 3 * 512);
-    EXPECT_EQ(ReadFileBytes(flashPath), expected);
-    {
-        SimProcess sim({"--rom-flash", "yes", "--flash", flashPath});
-        SimPort port(sim.DevicePath());
-        EXPECT_EQ(ReadSectors(port, 3, 1), data);
-    }
-    ProcessResult wrongSize = RunProcess(SimPath(), {"--flash", flashPath, "--flash-size", "131072"});
-    EXPECT_EQ(wrongSize.exitStatus, 2);
-    EXPECT_NE(wrongSize.err.find("expected 131072"), std::string::npos) << wrongSize.err;
-    EXPECT_EQ(ReadFileBytes(flashPath), expected);
+    Chip again(RomFlash(), {}, 0x20000, path);  // the file keeps its contents
+    EXPECT_EQ(Pattern(512, 1), again.ReadSectors(0x7F, 1));
+    ksim::NorFlash other;
+    std::string error;
+    EXPECT_FALSE(other.Open(path, 0x40000, error)) << "a file of another size is refused";
 }
 
 TEST(SimFlash, BootRomServesFlashOnlyWhenConfigured)
 {
     const struct {
-        std::vector<std::string> args;
-        bool served;
-    } cases[] = {
-        {{}, false},
-        {{"--responder", "2"}, true},
-        {{"--responder", "0"}, true},
-        {{"--responder", "2", "--rom-flash", "no"}, false},
-        {{"--rom-flash", "yes"}, true},
-    };
+        uint8_t responder;
+        bool romFlash, served;
+    } cases[] = {{1, false, false}, {2, true, true}, {2, false, false}, {1, true, true}};
     for (const auto& c : cases) {
-        SimProcess sim(c.args);
-        SimPort port(sim.DevicePath());
-        for (const Bytes& frame : {EraseFrame(0), ReadSectorFrame(0, 1), WriteSectorFrame(0, 1, 0x00FF)}) {
-            SimReply reply = port.Exchange(frame);
-            ASSERT_TRUE(reply.complete);
-            EXPECT_EQ(reply.IsAck() ? 0 : reply.errorType, c.served ? 0 : 1) << c.args.size();
-            if (reply.IsAck() && frame[12] == 0x1B) {
-                port.Send(Bytes(512, 0xFF));
-                EXPECT_TRUE(port.ReadReply().IsAck());
-            }
-        }
+        SCOPED_TRACE(int(c.responder));
+        ksim::TargetConfig config;
+        config.responder = c.responder;
+        config.romServesFlash = c.romFlash;
+        Chip chip(config);
+        for (const Bytes& frame : {Erase(0), ReadSector(0, 1)})
+            EXPECT_EQ(c.served ? -1 : 1, chip.Send(frame).ErrorType());
+        EXPECT_EQ(c.served, chip.Write(WriteSector(0, 1, 0x00FF), Bytes(512, 0xFF)).Ack());
     }
 }
 
-
-bool Contains(const std::string& text, const std::string& what)
+// The ChangeBaud reply still goes out at the old speed; a fault limited to 921600
+// follows the target.
+TEST(SimLine, ChangeBaudMovesTheTargetAfterItsReplyAndBaudQualifiedFaultsFollow)
 {
-    return text.find(what) != std::string::npos;
+    Chip chip(ksim::TargetConfig(), {"GetFlashId:every:error2@921600"});
+    EXPECT_TRUE(chip.Send(GetFlashId()).Ack());
+    ASSERT_TRUE(chip.Send(ChangeBaud(921600)).Ack());
+    EXPECT_EQ(921600u, chip.Target().LineSpeed());
+    EXPECT_EQ(2, chip.Send(GetFlashId()).ErrorType());
 }
 
-TEST(SimLine, BytesAtTheWrongSpeedAreIgnored)
-{
-    TempDir dir;
-    SimProcess sim({"--trace", dir.File("trace.txt")});
-    SimPort port(sim.DevicePath(), 9600);
-    port.Send({0x55});
-    EXPECT_TRUE(port.Silent(300));
-    port.Send(GetFlashIdFrame());
-    EXPECT_TRUE(port.Silent(300));
-    port.SetSpeed(115200);
-    EXPECT_TRUE(port.Sync());
-    sim.Stop();
-    std::string trace = ReadTextFile(dir.File("trace.txt"));
-    EXPECT_TRUE(Contains(trace, "ignored 9600 115200 1\n")) << trace;
-    EXPECT_TRUE(Contains(trace, "ignored 9600 115200 13\n")) << trace;
-}
-
-// The fault limited to 921600 also shows which speed the target is at.
-TEST(SimLine, ChangeBaudMovesTheTargetAfterItsAcknowledgementAndBaudQualifiedFaultsFollow)
-{
-    SimProcess sim({"--fault", "GetFlashId:every:error2@921600"});
-    SimPort port(sim.DevicePath());
-    EXPECT_TRUE(port.Exchange(GetFlashIdFrame()).IsAck());
-    ASSERT_TRUE(port.Exchange(ChangeBaudFrame(921600)).IsAck());   // at the old speed
-    // The old speed no longer works; the new one does.
-    port.Send({0x55});
-    EXPECT_TRUE(port.Silent(200));
-    port.SetSpeed(921600);
-    EXPECT_TRUE(port.Sync());
-    EXPECT_EQ(port.Exchange(GetFlashIdFrame()).errorType, 2);
-}
-
-// SysReboot then returns to the boot ROM at reset speed.
-TEST(SimLine, UploadedBootLoaderStartsAtResetSpeedServesFlashIsTracedAndRebootEndsIt)
-{
-    TempDir dir;
-    SimProcess sim({"--trace", dir.File("trace.txt")});
-    SimPort port(sim.DevicePath());
-    ASSERT_TRUE(port.Sync());
-    ASSERT_TRUE(port.Exchange(GetFlashIdFrame()).IsAck());
-    EXPECT_EQ(port.Exchange(EraseFrame(0)).errorType, 1);   // this ROM has no flash driver
-    ASSERT_TRUE(port.Exchange(ChangeBaudFrame(921600)).IsAck());
-    port.SetSpeed(921600);
-    ASSERT_TRUE(port.Sync());
-    ASSERT_TRUE(StartBootLoader(port));   // ends with a sync at 115200
-    EXPECT_TRUE(port.Exchange(EraseFrame(0)).IsAck());
-    ASSERT_TRUE(port.Exchange(ChangeBaudFrame(921600)).IsAck());
-    port.SetSpeed(921600);
-    ASSERT_TRUE(port.Sync());
-    ASSERT_TRUE(port.Exchange(CommandFrame(0x12, {})).IsAck());
-    port.SetSpeed(115200);
-    EXPECT_TRUE(port.Sync());
-    EXPECT_EQ(port.Exchange(EraseFrame(0)).errorType, 1);
-    sim.Stop();
-    std::string trace = ReadTextFile(dir.File("trace.txt"));
-    EXPECT_TRUE(Contains(trace, "rx 115200 55\ntx 115200 4F 4B\n")) << trace;
-    EXPECT_TRUE(Contains(trace, "rx 115200 42 52 4F 4D 04 00 60 51 00 00 00 01 18\n"
-                                "tx 115200 42 52 4F 4D 06 01 1E 87 00 00 00 03 C8 40 16\n"));
-    EXPECT_TRUE(Contains(trace, "event baud 921600\n"));
-    EXPECT_TRUE(Contains(trace, "event bootloader started\nevent baud 115200\n"));
-    EXPECT_TRUE(Contains(trace, "rxdata 921600 00 E0 07 00 01 01 01 00"));
-}
-
-TEST(SimLine, SetPcStartsOnlyAPlausibleUpload)
+// An uploaded program starts at reset speed and serves flash; SysReboot returns
+// to the boot ROM. Only a plausible upload starts.
+TEST(SimLine, SetPcStartsOnlyAPlausibleUploadAndRebootEndsIt)
 {
     const struct {
         const char* name;
-        uint32_t stack, reset, pc;
+        Bytes image;
+        uint32_t pc;
+        bool starts;
     } cases[] = {
-        {"stack outside SRAM", 0x20001000, 0x00010101, 0x00010101},
-        {"reset vector without Thumb bit", 0x0007E000, 0x00010100, 0x00010100},
-        {"reset vector outside the image", 0x0007E000, 0x00030001, 0x00030001},
-        {"pc is not the reset vector", 0x0007E000, 0x00010101, 0x00010201},
+        {"plausible", BootLoaderImage(), 0x00010101, true},
+        {"stack outside SRAM", BootLoaderImage(0x20001000), 0x00010101, false},
+        {"reset vector without Thumb bit", BootLoaderImage(0x0007E000, 0x00010100), 0x00010100, false},
+        {"reset vector outside the image", BootLoaderImage(0x0007E000, 0x00030001), 0x00030001, false},
+        {"pc is not the reset vector", BootLoaderImage(), 0x00010201, false},
     };
     for (const auto& c : cases) {
-        SimProcess sim({});
-        SimPort port(sim.DevicePath());
-        Bytes image = BootLoaderImage(1024);
-        for (int i = 0; i < 4; ++i) {
-            image[i] = static_cast<uint8_t>(c.stack >> (8 * i));
-            image[4 + i] = static_cast<uint8_t>(c.reset >> (8 * i));
+        SCOPED_TRACE(c.name);
+        Chip chip;
+        EXPECT_EQ(1, chip.Send(Erase(0)).ErrorType()) << "this ROM has no flash driver";
+        ASSERT_TRUE(chip.Send(ChangeBaud(921600)).Ack());
+        uint32_t size = static_cast<uint32_t>(c.image.size());
+        ASSERT_TRUE(chip.Write(WriteMemory(0x00010000, size, DataSum(c.image)), c.image).Ack());
+        ASSERT_TRUE(chip.Send(Frame(0x13, {{c.pc, 4}})).Ack());
+        EXPECT_EQ(c.starts ? 115200u : 921600u, chip.Target().LineSpeed());
+        EXPECT_EQ(c.starts ? -1 : 1, chip.Send(Erase(0)).ErrorType());
+        if (c.starts) {
+            ASSERT_TRUE(chip.Send(Frame(0x12)).Ack());
+            EXPECT_EQ(1, chip.Send(Erase(0)).ErrorType()) << "still the boot-loader after reboot";
         }
-        EXPECT_TRUE(UploadAndRun(port, image, c.pc)) << c.name;
-        // Still the ROM without flash: the boot-loader did not start.
-        EXPECT_EQ(port.Exchange(EraseFrame(0)).errorType, 1) << c.name;
     }
 }
 
 TEST(SimLine, FirmwareIgnoresEverythingUntilTheUpgradeText)
 {
-    SimProcess sim({"--firmware"});
-    SimPort port(sim.DevicePath());
-    port.Send({0x55});
-    port.Send(GetFlashIdFrame());
-    EXPECT_TRUE(port.Silent(300));
+    ksim::TargetConfig config;
+    config.startAsFirmware = true;
+    Chip chip(config);
+    EXPECT_TRUE(chip.Send({0x55}).bytes.empty());
+    EXPECT_TRUE(chip.Send(GetFlashId()).bytes.empty());
     // Without its terminating zero byte the text is not enough.
-    port.Send(Bytes{'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n'});
-    port.Send({0x55});
-    EXPECT_TRUE(port.Silent(300));
-    port.Send(Bytes{'u', 'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0x00});
-    EXPECT_TRUE(port.Silent(100));
-    EXPECT_TRUE(port.Sync());
-    EXPECT_TRUE(port.Exchange(GetFlashIdFrame()).IsAck());
-}
-
-TEST(SimLine, ReopenedDeviceKeepsTheLineAndSessionsEndTheSimulator)
-{
-    TempDir dir;
-    std::string link = dir.File("ttySIM");
-    SimProcess sim({"--sessions", "2", "--link", link});
-    ASSERT_TRUE(sim.Started());
-    for (int session = 0; session < 2; ++session) {
-        {
-            SimPort port(link);
-            ASSERT_TRUE(port.Sync()) << "session " << session;
-        }
-        if (session == 0) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(200));
-            EXPECT_EQ(access(link.c_str(), F_OK), 0) << "ended after one session";
-        }
-    }
-    EXPECT_TRUE(WaitUntilGone(link));
-}
-
-long MillisecondsFor(SimPort& port, const Bytes& frame, size_t payload)
-{
-    auto start = std::chrono::steady_clock::now();
-    SimReply reply = port.Exchange(frame);
-    EXPECT_TRUE(reply.IsAck());
-    EXPECT_EQ(reply.payload.size(), payload);
-    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::chrono::steady_clock::now() - start).count());
-}
-
-TEST(SimLine, PacedRepliesTakeAtLeastTheirLineAndFlashTime)
-{
-    SimProcess sim({"--pace", "--rom-flash", "yes", "--erase-ms", "150"});
-    SimPort port(sim.DevicePath());
-    EXPECT_GE(MillisecondsFor(port, EraseFrame(0), 0), 150);
-    // 4 sectors: 2,060 reply bytes at 115200 bit/s take about 179 ms on the line.
-    EXPECT_GE(MillisecondsFor(port, ReadSectorFrame(0, 4), 2048), 178);
-
-    // A data phase longer than the quiet time on a slow line is still one data phase:
-    // 1,000 bytes at 9600 bit/s are on the line for over a second.
-    ASSERT_TRUE(port.Exchange(ChangeBaudFrame(9600)).IsAck());
-    port.SetSpeed(9600);
-    Bytes data(1000, 0x3C);
-    EXPECT_TRUE(WriteWithData(port, WriteMemoryFrame(0x00040000, 1000, DataChecksum(data)), data, 3000).IsAck());
+    EXPECT_TRUE(chip.Send(Bytes{'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0x55}).bytes.empty());
+    EXPECT_TRUE(chip.Send(Bytes{'u', 'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0x00}).bytes.empty());
+    EXPECT_TRUE(chip.Sync());
+    EXPECT_TRUE(chip.Send(GetFlashId()).Ack());
 }
 
 TEST(SimFaults, EachReplyFaultShowsOnTheWire)
 {
     const struct {
         const char* kind;
-        size_t headerBytes;
-        const char* magic;    // the header's first four bytes
-        uint8_t flags;
-        uint32_t length;
-        int errorType;
-        bool complete, checksumOk;
-        const char* payload;  // its first bytes, at most four
+        const char* reply;  // its first 16 bytes at most
+        size_t size;
     } cases[] = {
-        {"error2", 12, "42 52 4F 4D", 0x01, 1, 2, true, true, "02"},
-        {"error5", 12, "42 52 4F 4D", 0x01, 1, 5, true, true, "05"},
-        {"error7F", 12, "42 52 4F 4D", 0x01, 1, 0x7F, true, true, "7F"},
-        {"noreply", 0, "", 0, 0, -1, false, false, ""},
-        {"badsum", 12, "42 52 4F 4D", 0x06, 3, -1, true, false, "C8 40 16"},
-        {"badmagic", 12, "4D 4F 52 42", 0x06, 3, -1, true, false, "C8 40 16"},
-        {"short", 12, "42 52 4F 4D", 0x06, 19, -1, false, false, ""},   // 3 payload bytes of 19
-        {"toolong", 12, "42 52 4F 4D", 0x06, 8191, -1, true, true, "C8 40 16 00"},
-        {"bitflip", 12, "42 52 4F 4D", 0x06, 3, -1, true, true, "C0 40 16"},
+        {"error2", "42 52 4F 4D 05 01 5F 66 00 00 00 01 02", 13},
+        {"error7F", "42 52 4F 4D 05 01 5E E9 00 00 00 01 7F", 13},
+        {"noreply", "", 0},
+        {"badsum", "42 52 4F 4D 06 01 44 22 00 00 00 03 C8 40 16", 15},
+        {"badmagic", "4D 4F 52 42 06 01 1E 87 00 00 00 03 C8 40 16", 15},
+        {"short", "42 52 4F 4D 06 01 1E 87 00 00 00 13 C8 40 16", 15},
+        {"toolong", "42 52 4F 4D 06 01", 12 + 8191},
+        {"bitflip", "42 52 4F 4D 06 01 1E 8F 00 00 00 03 C0 40 16", 15},
+        {"raw=4F4B", "4F 4B", 2},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.kind);
-        SimProcess sim({"--fault", std::string("GetFlashId:1:") + c.kind});
-        SimPort port(sim.DevicePath());
-        SimReply r = port.Exchange(GetFlashIdFrame(), 500);
-        ASSERT_EQ(r.header.size(), c.headerBytes);
-        if (c.headerBytes) {
-            EXPECT_EQ(ToHex(Bytes(r.header.begin(), r.header.begin() + 4)), c.magic);
-            EXPECT_EQ(r.flags & (c.errorType >= 0 ? 0x01 : 0xFF), c.flags);
-            EXPECT_EQ(r.length, c.length);
-        }
-        EXPECT_EQ(r.errorType, c.errorType);
-        EXPECT_EQ(r.complete, c.complete);
-        EXPECT_EQ(r.checksumOk, c.checksumOk);
-        if (c.complete) {
-            EXPECT_EQ(ToHex(Bytes(r.payload.begin(), r.payload.begin() + std::min<size_t>(4, r.payload.size()))), c.payload);
-        }
-        EXPECT_TRUE(port.Silent(50));
-        // Only the first GetFlashId was meant.
-        EXPECT_TRUE(port.Exchange(GetFlashIdFrame()).IsAck());
+        Chip chip(ksim::TargetConfig(), {std::string("GetFlashId:1:") + c.kind});
+        Answer answer = chip.Send(GetFlashId());
+        EXPECT_EQ(c.size, answer.bytes.size());
+        Bytes start = HexBytes(c.reply);
+        EXPECT_EQ(ToHex(start), ToHex(Bytes(answer.bytes.begin(),
+                                             answer.bytes.begin() + std::min(start.size(), answer.bytes.size()))));
+        EXPECT_TRUE(chip.Send(GetFlashId()).Ack()) << "only the first GetFlashId was meant";
     }
 }
 
@@ -462,21 +448,19 @@ TEST(SimFaults, WhenAndWhatSelectWhichCommandsAreHit)
 {
     const struct {
         const char* spec;
-        std::vector<bool> hit;   // for the 1st .. 5th Read_4_byte
+        std::vector<bool> hit;  // for the 1st .. 5th Read_4_byte
     } cases[] = {
         {"Read_4_byte:2:error4", {false, true, false, false, false}},
         {"0x04:3+:error4", {false, false, true, true, true}},
         {"any:every:error4", {true, true, true, true, true}},
     };
     for (const auto& c : cases) {
-        SimProcess sim({"--fault", c.spec});
-        SimPort port(sim.DevicePath());
+        Chip chip(ksim::TargetConfig(), {c.spec});
         for (size_t i = 0; i < c.hit.size(); ++i) {
-            SimReply reply = port.Exchange(CommandFrame(0x04, {{0x20000000, 4}}));
-            EXPECT_EQ(reply.errorType == 4, c.hit[i]) << c.spec << " command " << i + 1;
-            // Other commands are neither hit nor counted (except by "any").
+            EXPECT_EQ(c.hit[i], chip.Send(Frame(0x04, {{0x20000000, 4}})).ErrorType() == 4)
+                << c.spec << " command " << i + 1;
             if (c.spec[0] != 'a') {
-                EXPECT_TRUE(port.Exchange(GetFlashIdFrame()).IsAck());
+                EXPECT_TRUE(chip.Send(GetFlashId()).Ack()) << "other commands are not counted";
             }
         }
     }
@@ -484,16 +468,18 @@ TEST(SimFaults, WhenAndWhatSelectWhichCommandsAreHit)
 
 TEST(SimFaults, RefusingFaultsLeaveTheCommandUndone)
 {
-    SimProcess sim({"--rom-flash", "yes", "--fault", "EraseFlash:2:noreply", "--fault", "ChangeBaud:1:error2"});
-    SimPort port(sim.DevicePath());
-    ASSERT_TRUE(WriteSectors(port, 0, Bytes(512, 0)));
-    ASSERT_TRUE(port.Exchange(EraseFrame(0)).IsAck());
-    ASSERT_TRUE(WriteSectors(port, 0, Bytes(512, 0)));
-    EXPECT_FALSE(port.Exchange(EraseFrame(0), 300).complete);
-    EXPECT_EQ(ReadSectors(port, 0, 1), Bytes(512, 0));
-    // The refused speed change left the target at 115200.
-    EXPECT_EQ(port.Exchange(ChangeBaudFrame(921600)).errorType, 2);
-    EXPECT_TRUE(port.Sync());
+    Chip chip(RomFlash(), {"EraseFlash:2:noreply", "ChangeBaud:1:error2", "SetPC:1:raw=00"});
+    ASSERT_TRUE(chip.WriteSectors(0, Bytes(512, 0)));
+    ASSERT_TRUE(chip.Send(Erase(0)).Ack());
+    ASSERT_TRUE(chip.WriteSectors(0, Bytes(512, 0)));
+    EXPECT_TRUE(chip.Send(Erase(0)).bytes.empty());
+    EXPECT_EQ(Bytes(512, 0), chip.ReadSectors(0, 1));
+    EXPECT_EQ(2, chip.Send(ChangeBaud(921600)).ErrorType());
+    EXPECT_EQ(115200u, chip.Target().LineSpeed());
+    Bytes image = BootLoaderImage();
+    ASSERT_TRUE(chip.Write(WriteMemory(0x00010000, 1024, DataSum(image)), image).Ack());
+    EXPECT_EQ(Bytes{0}, chip.Send(Frame(0x13, {{0x00010101, 4}})).bytes);
+    EXPECT_EQ(ksim::TargetMode::BootRom, chip.Target().Mode());
 }
 
 TEST(SimFaults, TwoPhaseCommandsTakeTheFaultOnTheDataReply)
@@ -501,7 +487,7 @@ TEST(SimFaults, TwoPhaseCommandsTakeTheFaultOnTheDataReply)
     Bytes data(1024, 0x00);
     data[700] = 0xA5;
     Bytes flipped = data;
-    flipped[700] = 0xA4;   // bitflip: one wrong bit programmed behind a normal ack
+    flipped[700] = 0xA4;  // one wrong bit programmed behind a normal reply
     const struct {
         const char* kind;
         bool acked;
@@ -509,24 +495,19 @@ TEST(SimFaults, TwoPhaseCommandsTakeTheFaultOnTheDataReply)
     } cases[] = {{"error2", false, Bytes(1024, 0xFF)}, {"noreply", false, Bytes(1024, 0xFF)},
                  {"badsum", false, data}, {"bitflip", true, flipped}};
     for (const auto& c : cases) {
-        SimProcess sim({"--rom-flash", "yes", "--fault", std::string("WriteSector:1:") + c.kind});
-        SimPort port(sim.DevicePath());
-        SimReply reply = WriteWithData(port, WriteSectorFrame(4, 2, DataChecksum(data)), data, 400);
-        EXPECT_TRUE(reply.complete || !c.acked) << c.kind;
-        EXPECT_EQ(reply.IsAck(), c.acked) << c.kind;
-        EXPECT_EQ(ReadSectors(port, 4, 2), c.stored) << c.kind;
+        SCOPED_TRACE(c.kind);
+        Chip chip(RomFlash(), {std::string("WriteSector:1:") + c.kind});
+        EXPECT_EQ(c.acked, chip.Write(WriteSector(4, 2, DataSum(data)), data).Ack());
+        EXPECT_EQ(c.stored, chip.ReadSectors(4, 2));
     }
 }
 
-TEST(SimFaults, VanishClosesTheDeviceAndEndsTheSimulator)
+TEST(SimFaults, VanishLeavesTheCommandUnansweredAndTheTargetGone)
 {
-    TempDir dir;
-    std::string link = dir.File("ttySIM");
-    SimProcess sim({"--link", link, "--fault", "any:2:vanish"});
-    SimPort port(sim.DevicePath());
-    ASSERT_TRUE(port.Exchange(GetFlashIdFrame()).IsAck());
-    EXPECT_TRUE(port.Exchange(GetFlashIdFrame(), 500).header.empty());
-    EXPECT_TRUE(WaitUntilGone(link));
+    Chip chip(ksim::TargetConfig(), {"any:2:vanish"});
+    ASSERT_TRUE(chip.Send(GetFlashId()).Ack());
+    EXPECT_TRUE(chip.Send(GetFlashId()).bytes.empty());
+    EXPECT_TRUE(chip.Target().Vanished());
 }
 
 }  // namespace
