@@ -6,21 +6,24 @@
 # and restores the file. A mutant the suite notices is killed; one it does not is a
 # survivor. Prints every survivor and the score.
 #
-#   scripts/mutate.sh [--quick] [--only N]
+#   scripts/mutate.sh [--quick] [--only N] [--from N]
 #     --quick   run the cases not labelled "slow" (minutes instead of a quarter hour
 #               per mutant); the score is then a lower bound
 #     --only N  just mutant N (1-based)
+#     --from N  mutants N and later (to finish an interrupted run)
 set -uo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 build=$root/build/mutate
 quick=0
 only=0
+from=1
 while [ $# -gt 0 ]; do
     case $1 in
         --quick) quick=1; shift ;;
         --only) only=$2; shift 2 ;;
-        *) echo "usage: scripts/mutate.sh [--quick] [--only N]" >&2; exit 2 ;;
+        --from) from=$2; shift 2 ;;
+        *) echo "usage: scripts/mutate.sh [--quick] [--only N] [--from N]" >&2; exit 2 ;;
     esac
 done
 
@@ -61,7 +64,9 @@ passes() {
     ctest --test-dir "$build" -j2 "$@" --stop-on-failure >/dev/null 2>&1
 }
 
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+# Neither optimised nor with debug information: every mutant means a rebuild and
+# some forty links, and those are what the run mostly waits for.
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE= >/dev/null
 cmake --build "$build" -j2 >/dev/null || { echo "the unmutated tree does not build"; exit 2; }
 
 killed=0
@@ -71,9 +76,12 @@ survivors=()
 for i in "${!mutants[@]}"; do
     number=$((i + 1))
     [ "$only" -ne 0 ] && [ "$only" -ne "$number" ] && continue
+    [ "$number" -lt "$from" ] && continue
     IFS='|' read -r file change what <<< "${mutants[$i]}"
     backup=$(mktemp)
     cp "$file" "$backup"
+    # An interrupted run must not leave the mutant in the tree.
+    trap 'cp "$backup" "$file"; touch "$file"; rm -f "$backup"; exit 130' INT TERM
     perl -0pi -e "$change" "$file"
     if cmp -s "$file" "$backup"; then
         echo "mutant $number ($what): STALE, its pattern no longer matches $file"
@@ -95,6 +103,7 @@ for i in "${!mutants[@]}"; do
     cp "$backup" "$file"
     touch "$file"
     rm -f "$backup"
+    trap - INT TERM
     echo "mutant $number ($what): $verdict ($how)"
     if [ "$verdict" = invalid ]; then
         stale=$((stale + 1))

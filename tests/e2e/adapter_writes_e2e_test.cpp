@@ -25,11 +25,11 @@ struct Operation {
 Outcome RunOnce(const Operation& op, bool shaped)
 {
     UpgradeBench bench;
-    Bytes main = MakeImage(2, {150000, 40000}, 11, 0x8000, 0x1F8000);
-    Bytes etf = MakeImage(1, {4096, 70000}, 12);
+    Bytes main = MakeImage(2, {70000, 3000}, 11, 0x8000, 0x1F8000);
+    Bytes etf = MakeImage(1, {4096, 9000}, 12);
     bench.WriteFile("main.img", main);
     bench.WriteFile("etf.img", etf);
-    bench.WriteFile("data.bin", PatternBytes(0x12345, 13));
+    bench.WriteFile("data.bin", PatternBytes(0x8345, 13));
     if (shaped)
         bench.toolLauncher = {"/usr/bin/env", std::string("LD_PRELOAD=") + KESTREL_ADAPTER_SHIM,
                               // the sanitizer runtimes want to come first; the shim
@@ -44,8 +44,8 @@ TEST(AdapterShapedWrites, SameOutputAndFlashAsWritesTakenWhole)
     const Operation operations[] = {
         {"upgrade: boot-loader upload, main image with OTA area, ETF image, read-back",
          {"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "0", "-r", "1"}, {}},
-        {"debug read", {"-D", "r", "-A", "0x30200", "-L", "0x12345"}, {"--rom-flash", "yes"}},
-        {"debug write", {"-D", "w", "-A", "0x20000", "-L", "0x12345", "-B", "data.bin"},
+        {"debug read", {"-D", "r", "-A", "0x30200", "-L", "0x8345"}, {"--rom-flash", "yes"}},
+        {"debug write", {"-D", "w", "-A", "0x20000", "-L", "0x8345", "-B", "data.bin"},
          {"--rom-flash", "yes"}},
         {"debug erase", {"-D", "e", "-A", "0x10080", "-L", "0x20000"}, {"--rom-flash", "yes"}},
     };

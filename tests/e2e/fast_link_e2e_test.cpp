@@ -54,8 +54,8 @@ UpgradeRun UpgradeWith(bool fast, const std::vector<std::string>& toolArgs,
 
 TEST(FastLink, SameOutcomeTextAndFlashAsTheClassicLink)
 {
-    const Bytes main = MakeImage(2, {150000, 40000}, 21, 0x8000, 0x1F8000);
-    const Bytes etf = MakeImage(1, {4096, 70000}, 22);
+    const Bytes main = MakeImage(2, {70000, 3000}, 21, 0x8000, 0x1F8000);
+    const Bytes etf = MakeImage(1, {4096, 9000}, 22);
     const std::vector<std::string> all = {"-i", "main.img", "-e", "1", "-I", "etf.img"};
     // The fallback runs at 115200 with one sector per command: a small image.
     const Bytes small = MakeImage(1, {20000}, 23);

@@ -1,6 +1,6 @@
 // The host log: levels, folders, the line format and its failures.
+#include <cctype>
 #include <ctime>
-#include <regex>
 #include <sstream>
 #include <sys/stat.h>
 
@@ -14,8 +14,11 @@ namespace {
 // "[hh:mm:ss.mmm]" followed by `text` and one line feed.
 void ExpectLine(const std::string& line, const std::string& text)
 {
-    EXPECT_TRUE(std::regex_match(line.substr(0, 14), std::regex(R"(\[\d\d:\d\d:\d\d\.\d\d\d\])")))
-        << line;
+    const std::string shape = "[00:00:00.000]";
+    bool stamped = line.size() >= shape.size();
+    for (size_t i = 0; stamped && i < shape.size(); ++i)
+        stamped = shape[i] == '0' ? isdigit(static_cast<unsigned char>(line[i])) != 0 : line[i] == shape[i];
+    EXPECT_TRUE(stamped) << line;
     EXPECT_EQ(text + "\n", line.substr(std::min<size_t>(14, line.size())));
 }
 

@@ -159,19 +159,27 @@ TEST(SerialReadPath, UnplugEndsTheReadAtOnceAndMarksTheLineLost)
     }
 }
 
-TEST(SerialReadPath, FastLinkAssemblesAReplyArrivingInPieces)
+// Whatever the pieces a reply arrives in, the bytes are stored in order.
+TEST(SerialReadPath, AReplyArrivingInPiecesIsAssembledInOrder)
 {
-    MemoryPort memory;
-    memory.maxRead = 5;
-    const std::vector<unsigned char> reply = Pattern(2060);
-    memory.Feed(reply.data(), reply.size());
-    CCommU port;
-    port.SetFastLink(true);
-    ASSERT_EQ(0, OpenOn(port, memory));
-    std::vector<unsigned char> buf(reply.size());
-    EXPECT_EQ(0u, port.ReadMsg(buf.data(), buf.size()));
-    EXPECT_TRUE(buf == reply);
-    EXPECT_FALSE(port.LineLost());
+    struct Case {
+        bool fast;
+        size_t size, piece;
+    };
+    for (const Case& c : {Case{false, 12, 5}, Case{true, 12, 1}, Case{true, 2060, 5}}) {
+        SCOPED_TRACE(c.fast ? "fast link" : "polled");
+        MemoryPort memory;
+        memory.maxRead = c.piece;
+        const std::vector<unsigned char> reply = Pattern(c.size);
+        memory.Feed(reply.data(), reply.size());
+        CCommU port;
+        port.SetFastLink(c.fast);
+        ASSERT_EQ(0, OpenOn(port, memory));
+        std::vector<unsigned char> buf(reply.size());
+        EXPECT_EQ(0u, port.ReadMsg(buf.data(), static_cast<unsigned int>(buf.size())));
+        EXPECT_TRUE(buf == reply);
+        EXPECT_FALSE(port.LineLost());
+    }
 }
 
 // The classic line goes on whatever the device says; the fast link refuses to run

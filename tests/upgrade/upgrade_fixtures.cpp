@@ -4,7 +4,6 @@
 #include <cctype>
 #include <cstdio>
 #include <iterator>
-#include <regex>
 #include <sstream>
 
 #include "tools/image_builder.h"
@@ -120,13 +119,24 @@ size_t CountOccurrences(const std::string& text, const std::string& what)
 
 size_t CountFramesReceived(const std::string& trace, uint8_t opcode, const std::string& baud)
 {
-    // "rx <baud> 42 52 4F 4D" and eight more header bytes, then the opcode.
-    char pattern[64];
-    std::snprintf(pattern, sizeof pattern, "^rx %s 42 52 4F 4D( [0-9A-F]{2}){8} %02X",
-                  baud.empty() ? "[0-9]+" : baud.c_str(), opcode);
-    const std::regex frame(pattern, std::regex::multiline);
-    return static_cast<size_t>(std::distance(std::sregex_iterator(trace.begin(), trace.end(), frame),
-                                             std::sregex_iterator()));
+    // A frame line: "rx BAUD 42 52 4F 4D", eight more header bytes, the opcode.
+    char opcodeText[4];
+    std::snprintf(opcodeText, sizeof opcodeText, "%02X", opcode);
+    std::istringstream lines(trace);
+    size_t count = 0;
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::string tag, lineBaud, word;
+        std::vector<std::string> bytes;
+        words >> tag >> lineBaud;
+        while (words >> word)
+            bytes.push_back(word);
+        if (tag == "rx" && (baud.empty() || lineBaud == baud) && bytes.size() > 12 &&
+            bytes[0] == "42" && bytes[1] == "52" && bytes[2] == "4F" && bytes[3] == "4D" &&
+            bytes[12] == opcodeText)
+            ++count;
+    }
+    return count;
 }
 
 long FirstDifference(const Bytes& a, const Bytes& b)
