@@ -25,7 +25,7 @@ struct Operation {
 Outcome RunOnce(const Operation& op, bool shaped)
 {
     UpgradeBench bench;
-    Bytes main = MakeImage(2, {70000, 3000}, 11, 0x8000, 0x1F8000);
+    Bytes main = MakeImage(2, {20000, 3000}, 11, 0x8000, 0x1F8000);
     Bytes etf = MakeImage(1, {4096, 9000}, 12);
     bench.WriteFile("main.img", main);
     bench.WriteFile("etf.img", etf);

@@ -54,11 +54,11 @@ UpgradeRun UpgradeWith(bool fast, const std::vector<std::string>& toolArgs,
 
 TEST(FastLink, SameOutcomeTextAndFlashAsTheClassicLink)
 {
-    const Bytes main = MakeImage(2, {70000, 3000}, 21, 0x8000, 0x1F8000);
+    const Bytes main = MakeImage(2, {20000, 3000}, 21, 0x8000, 0x1F8000);
     const Bytes etf = MakeImage(1, {4096, 9000}, 22);
     const std::vector<std::string> all = {"-i", "main.img", "-e", "1", "-I", "etf.img"};
     // The fallback runs at 115200 with one sector per command: a small image.
-    const Bytes small = MakeImage(1, {20000}, 23);
+    const Bytes small = MakeImage(1, {3000}, 23);
     // Faults count commands; the fast link sends fewer reads (the change check stops
     // early), so faults here name commands both links send alike.
     struct Case {
@@ -74,8 +74,9 @@ TEST(FastLink, SameOutcomeTextAndFlashAsTheClassicLink)
     const Case cases[] = {
         {"write and read back", with({"-u", "0", "-r", "1"}), {}, &main},
         {"change check on old flash", with({"-u", "1", "-r", "1"}), {}, &main},
-        {"an error reply is retried", with({"-u", "0", "-r", "1"}), {"--fault", "WriteSector:7:error2"}, &main},
-        {"a lost reply is retried", with({"-u", "1"}), {"--fault", "EraseFlash:2:noreply"}, &main},
+        {"an error reply is retried", {"-i", "main.img", "-u", "0", "-r", "1"},
+         {"--fault", "WriteSector:7:error2"}, &main},
+        {"a lost reply is retried", {"-i", "main.img", "-u", "1"}, {"--fault", "EraseFlash:2:noreply"}, &main},
         {"921600 fails four times, 115200 completes", {"-i", "main.img", "-u", "0"},
          {"--fault", "EraseFlash:every:error2@921600"}, &small},
         {"read-back keeps finding a difference", {"-i", "main.img", "-u", "0", "-r", "1"},
