@@ -4,7 +4,8 @@
 
 namespace {
 
-// 64 KiB takes 32 four-sector commands at 921600; elsewhere a command per sector;
+// 64 KiB takes 32 four-sector commands at 921600; at every other rate the classic
+// link sends a command per sector;
 // a rest is rounded up to whole sectors in one more command.
 TEST_F(HostOnSim, ReadFlashLengthSplitsTheRangeIntoSectorCommands)
 {
@@ -20,6 +21,7 @@ TEST_F(HostOnSim, ReadFlashLengthSplitsTheRangeIntoSectorCommands)
         {"8 KiB slow", 115200, 0x10000, 8192, 16, 0x80, 1, 1},
         {"3000 bytes fast", 921600, 0x8000, 3000, 2, 0x40, 4, 2},
         {"3000 bytes slow", 115200, 0x8000, 3000, 6, 0x40, 1, 1},
+        {"3000 bytes above 921600, classic link", 2000000, 0x8000, 3000, 6, 0x40, 1, 1},
         {"unaligned start", 115200, 0x1234, 512, 1, 9, 1, 1},
         {"one byte", 921600, 0x400, 1, 1, 2, 1, 1},
     };
