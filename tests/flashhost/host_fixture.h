@@ -41,6 +41,12 @@ struct HostAndLink {
 
 class HostOnSim : public ::testing::Test {
 protected:
+    HostOnSim() : link(RomServesFlash())
+    {
+        host.UsePort(&link);
+        host.SetComNum("sim");
+        host.SetUseBrom(0);
+    }
     void SetUp() override { g_Setting.bLogLevel = 0; }
     void TearDown() override { g_Setting.bLogLevel = 0; }
 
@@ -52,7 +58,6 @@ protected:
         link.ClearRecord();
     }
 
-    HostAndLink side;
-    SimLink& link = side.link;
-    CFlashHost& host = side.host;
+    SimLink link;  // declared first: it outlives the host
+    CFlashHost host;
 };
