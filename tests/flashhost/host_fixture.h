@@ -25,15 +25,21 @@ inline ksim::TargetConfig RomServesFlash()
     return config;
 }
 
+// Points `host` at `link` instead of a device.
+inline void WireToLink(CFlashHost& host, SimLink& link, int useBrom)
+{
+    host.UsePort(&link);
+    host.SetComNum("sim");
+    host.SetUseBrom(useBrom);
+}
+
 // The host's side of a link: `host` talks over `link` (declared first, so it
 // outlives the host).
 struct HostAndLink {
     explicit HostAndLink(const ksim::TargetConfig& config = RomServesFlash(), int useBrom = 0)
         : link(config)
     {
-        host.UsePort(&link);
-        host.SetComNum("sim");
-        host.SetUseBrom(useBrom);
+        WireToLink(host, link, useBrom);
     }
     SimLink link;
     CFlashHost host;
@@ -41,12 +47,7 @@ struct HostAndLink {
 
 class HostOnSim : public ::testing::Test {
 protected:
-    HostOnSim() : link(RomServesFlash())
-    {
-        host.UsePort(&link);
-        host.SetComNum("sim");
-        host.SetUseBrom(0);
-    }
+    HostOnSim() : link(RomServesFlash()) { WireToLink(host, link, 0); }
     void SetUp() override { g_Setting.bLogLevel = 0; }
     void TearDown() override { g_Setting.bLogLevel = 0; }
 

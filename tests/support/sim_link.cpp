@@ -8,6 +8,7 @@
 
 #include "sim/frame_codec.h"
 #include "sim/sim_loop.h"
+#include "sim/trace_log.h"
 #include "tests/support/serial_fixtures.h"
 
 namespace {
@@ -44,21 +45,24 @@ void SimLink::SetFaults(const std::vector<std::string>& specs)
         EXPECT_TRUE(m_faults.Add(spec, error)) << error;
 }
 
-// The trace has a line per frame ("rx BAUD HEX") and per data phase ("rxdata BAUD HEX").
-std::vector<SimCommand> SimLink::Commands() const
+std::vector<SimCommand> TraceCommands(const std::string& trace)
 {
-    std::string trace = ReadText(m_dir.File("trace.txt")).substr(m_traceStart);
     std::istringstream lines(trace);
     std::vector<SimCommand> commands;
     std::string tag, baud, rest;
     while (lines >> tag >> baud && std::getline(lines, rest)) {
         Bytes bytes = HexBytes(rest);
         if (tag == "rx" && bytes.size() > kFrameHeader && bytes[0] == 'B')
-            commands.push_back(SimCommand{bytes, Bytes()});
+            commands.push_back(SimCommand{baud, bytes, Bytes()});
         else if (tag == "rxdata" && !commands.empty())
             commands.back().data = bytes;
     }
     return commands;
+}
+
+std::vector<SimCommand> SimLink::Commands() const
+{
+    return TraceCommands(ReadText(m_dir.File("trace.txt")).substr(m_traceStart));
 }
 
 std::vector<SimCommand> SimLink::CommandsWith(unsigned char opcode) const
@@ -172,13 +176,5 @@ Bytes HexBytes(const std::string& text)
 
 std::string ToHex(const Bytes& bytes)
 {
-    std::string text;
-    char pair[4];
-    for (unsigned char b : bytes) {
-        snprintf(pair, sizeof pair, "%02X ", b);
-        text += pair;
-    }
-    if (!text.empty())
-        text.pop_back();
-    return text;
+    return ksim::HexBytes(bytes.data(), bytes.size());
 }

@@ -15,6 +15,7 @@
 typedef std::vector<unsigned char> Bytes;
 
 struct SimCommand {
+    std::string baud;  // the line speed it came at, as the trace writes it
     Bytes frame;  // as it came over the line
     Bytes data;   // its data phase (WriteMemoryLen, WriteSector), if any
 
@@ -22,6 +23,10 @@ struct SimCommand {
     // The big-endian 32-bit parameter `offset` bytes after the opcode.
     uint32_t Param32(size_t offset) const;
 };
+
+// The frames (not sync bytes) in a simulator trace, oldest first: a line per frame
+// ("rx BAUD HEX") and per data phase ("rxdata BAUD HEX").
+std::vector<SimCommand> TraceCommands(const std::string& trace);
 
 class SimLink : public MemoryPort {
 public:

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <sstream>
 
+#include "tests/support/sim_link.h"
 #include "tools/image_builder.h"
 #include "upgrade/UpGrade.h"
 
@@ -119,23 +120,10 @@ size_t CountOccurrences(const std::string& text, const std::string& what)
 
 size_t CountFramesReceived(const std::string& trace, uint8_t opcode, const std::string& baud)
 {
-    // A frame line: "rx BAUD 42 52 4F 4D", eight more header bytes, the opcode.
-    char opcodeText[4];
-    std::snprintf(opcodeText, sizeof opcodeText, "%02X", opcode);
-    std::istringstream lines(trace);
     size_t count = 0;
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream words(line);
-        std::string tag, lineBaud, word;
-        std::vector<std::string> bytes;
-        words >> tag >> lineBaud;
-        while (words >> word)
-            bytes.push_back(word);
-        if (tag == "rx" && (baud.empty() || lineBaud == baud) && bytes.size() > 12 &&
-            bytes[0] == "42" && bytes[1] == "52" && bytes[2] == "4F" && bytes[3] == "4D" &&
-            bytes[12] == opcodeText)
+    for (const SimCommand& c : TraceCommands(trace))
+        if (c.Opcode() == opcode && (baud.empty() || c.baud == baud))
             ++count;
-    }
     return count;
 }
 
