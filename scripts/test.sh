@@ -22,4 +22,7 @@ cmake --build "$dir" -j"$jobs"
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
-ctest --test-dir "$dir" -j"$jobs" --output-on-failure "${select[@]}"
+ctest --test-dir "$dir" -j"$jobs" --output-on-failure -LE slow "${select[@]}"
+# The end-to-end cases (label "slow") mostly wait out the line's pauses between
+# commands rather than use the processor, so they run three to a core.
+ctest --test-dir "$dir" -j$((jobs * 3)) --output-on-failure -L slow "${select[@]}"

@@ -8,23 +8,6 @@ namespace {
 const char kOk[] = "Operation OK !";
 const char kSetPcTimeout[] = "Cmd read 1 byte waits for ack timeout or comm error!";
 
-TEST(FrameArithmetic, ChecksumAndSwaps)
-{
-    CFlashHost host;
-    const std::pair<Bytes, unsigned short> sums[] = {
-        {{}, 0x0000},
-        {{0xAB}, 0x00AB},
-        {{0x01, 0x02, 0x03}, 0x0201 + 0x03},  // odd last byte added alone
-        {HexBytes("42 52 4F 4D 04 00 00 00 01 00 00 00 18"), 0x9FAE},
-        {{0xFF, 0xFF, 0x02, 0x00}, 0x0001},  // wraps modulo 65536, no fold-back
-    };
-    for (auto c : sums)
-        EXPECT_EQ(c.second, host.CheckSum16(c.first.data(), static_cast<int>(c.first.size())))
-            << ToHex(c.first);
-    EXPECT_EQ(0x78563412u, host.Swap32(0x12345678u));
-    EXPECT_EQ(0x3412, host.Swap16(0x1234));
-}
-
 // Parameters go big-endian, data bytes as they lie in memory; the target checks
 // every checksum, so each command must also be acknowledged.
 TEST_F(HostOnSim, WorkedExamplesGoOutByteForByte)

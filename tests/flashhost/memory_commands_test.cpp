@@ -8,18 +8,10 @@ namespace {
 
 const unsigned int kSram = 0x00020000;  // inside the target's SRAM
 
-Bytes Pattern(size_t size, unsigned int step)
-{
-    Bytes bytes(size);
-    for (size_t i = 0; i < size; ++i)
-        bytes[i] = static_cast<unsigned char>(i * step + 1);
-    return bytes;
-}
-
 TEST_F(HostOnSim, ValuesAndBlocksComeBackExactlyAsWrittenAndNoFurther)
 {
     Connect();
-    Bytes value = Pattern(8, 1);
+    Bytes value = PatternBytes(8, 1);
     ASSERT_EQ(0, host.Write_8_byte(kSram, value.data())) << host.m_strMsg;
     typedef int (CFlashHost::*Read)(unsigned int, unsigned char*);
     const std::pair<Read, size_t> reads[] = {{&CFlashHost::Read_1_byte, 1},
@@ -35,7 +27,7 @@ TEST_F(HostOnSim, ValuesAndBlocksComeBackExactlyAsWrittenAndNoFurther)
     }
 
     link.ClearRecord();
-    Bytes block = Pattern(3000, 13);
+    Bytes block = PatternBytes(3000, 13);
     ASSERT_EQ(0, host.WriteMemoryLen(kSram, block.data(), 3000)) << host.m_strMsg;
     unsigned char none = 0;  // nothing to send: the announced checksum is FF FF
     ASSERT_EQ(0, host.WriteMemoryLen(kSram, &none, 0)) << host.m_strMsg;

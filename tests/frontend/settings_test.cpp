@@ -64,15 +64,15 @@ TEST(GetDefaultSettings, FileValuesAndDefaults)
     };
     TempDir dir;
     for (const auto& c : cases) {
-        WriteTextFile(dir.File("s.ini"), c.first);
+        WriteText(dir.File("s.ini"), c.first);
         Load(dir.File("s.ini"));
         EXPECT_NE(std::string::npos, Describe().find(c.second)) << c.first << Describe();
     }
     // A reload replaces each text field whole; a found empty value is not the default.
-    WriteTextFile(dir.File("a.ini"), "[comm]\nstrComDev=/dev/a-long-name\n[log]\nstrLogFile=\n");
+    WriteText(dir.File("a.ini"), "[comm]\nstrComDev=/dev/a-long-name\n[log]\nstrLogFile=\n");
     Load(dir.File("a.ini"));
     EXPECT_STREQ("", g_Setting.strLogFile);
-    WriteTextFile(dir.File("b.ini"), "[comm]\nstrComDev=/dev/b\n");
+    WriteText(dir.File("b.ini"), "[comm]\nstrComDev=/dev/b\n");
     Load(dir.File("b.ini"));
     EXPECT_STREQ("/dev/b", g_Setting.strComDev);
     EXPECT_STREQ("./log/log.txt", g_Setting.strLogFile);
@@ -140,7 +140,7 @@ TEST(ApplyOptions, OutcomesAndStopRules)
 TEST(ApplyOptions, ReloadKeepsOnlyTheCombineFields)
 {
     TempDir dir;
-    WriteTextFile(dir.File("other.ini"), "[comm]\niBaud=57600\n");
+    WriteText(dir.File("other.ini"), "[comm]\niBaud=57600\n");
     Apply({"-b", "115200", "-C", dir.File("other.ini")});
     EXPECT_EQ(57600u, g_Setting.iBaud);
     Apply({"-g", "1", "-G", "o.cimg", "-D", "e", "-b", "9600", "-c", "x", "-C", "/nonexistent.ini"});

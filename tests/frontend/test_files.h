@@ -1,14 +1,7 @@
-// Small helpers for the front-end tests: text files in a temporary folder and
-// argument vectors for in-process option parsing.
+// Argument vectors for in-process option parsing.
 #pragma once
-#include <fstream>
 #include <string>
 #include <vector>
-
-inline void WriteTextFile(const std::string& path, const std::string& text)
-{
-    std::ofstream(path, std::ios::binary) << text;
-}
 
 // argv for getopt: "prog" followed by the words, kept alive by the object.
 class ArgList {

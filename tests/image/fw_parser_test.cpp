@@ -24,15 +24,6 @@ protected:
     FwParser parser;
 };
 
-TEST_F(FwParserTest, CheckSum16)
-{
-    unsigned char bytes[] = {0x01, 0x02, 0x03, 0xFF, 0xFF, 0xFF, 0xFF};
-    EXPECT_EQ(0x0204, parser.CheckSum16(bytes, 3));      // the odd last byte added alone
-    EXPECT_EQ(0xFFFE, parser.CheckSum16(bytes + 3, 4));  // no end-around carry
-    EXPECT_EQ(0, parser.CheckSum16(bytes, 0));
-    EXPECT_EQ(0, parser.CheckSum16(bytes, -2));
-}
-
 TEST_F(FwParserTest, DamageIsFoundAtItsSection)
 {
     struct Case {

@@ -7,6 +7,7 @@
 #include "common/byte_order.h"
 #include "common/checksum16.h"
 #include "image/image_format.h"
+#include "tests/support/process.h"
 #include "tools/image_builder.h"
 
 // A sealed header for data of the given bytes, with the given next_section.
@@ -33,12 +34,4 @@ inline void PlaceAt(std::vector<uint8_t>& image, uint32_t offset, const std::vec
     if (image.size() < offset + bytes.size())
         image.resize(offset + bytes.size(), 0);
     std::copy(bytes.begin(), bytes.end(), image.begin() + offset);
-}
-
-inline std::vector<uint8_t> PatternBytes(size_t count, unsigned seed)
-{
-    std::vector<uint8_t> bytes(count);
-    for (size_t i = 0; i < count; ++i)
-        bytes[i] = static_cast<uint8_t>((i * 2654435761u + seed) >> 13);
-    return bytes;
 }

@@ -13,18 +13,11 @@
 
 #include "serial/CCommU.h"
 #include "serial/memory_port.h"
+#include "tests/support/process.h"
 
 namespace {
 
 const unsigned int kTimedOut = 0xFFFFFFFFu;
-
-std::vector<unsigned char> Pattern(size_t count)
-{
-    std::vector<unsigned char> bytes(count);
-    for (size_t i = 0; i < count; ++i)
-        bytes[i] = static_cast<unsigned char>(i * 31 + (i >> 8));
-    return bytes;
-}
 
 int OpenOn(CCommU& port, MemoryPort& memory, unsigned int baud = 921600)
 {
@@ -63,7 +56,7 @@ TEST(SerialWritePath, LongWriteThroughASmallSlowlyDrainedFifoArrivesWhole)
     ASSERT_EQ(0, pipe(fds));
     ASSERT_GE(fcntl(fds[1], F_SETPIPE_SZ, 4096), 4096);
     ASSERT_EQ(0, fcntl(fds[1], F_SETFL, O_NONBLOCK));
-    const std::vector<unsigned char> sent = Pattern(5868 * 2);
+    const std::vector<unsigned char> sent = PatternBytes(5868 * 2, 1);
     std::vector<unsigned char> received;
     std::thread reader([&] {
         unsigned char chunk[512];
@@ -121,7 +114,7 @@ TEST(SerialWritePath, PartialWritesAndTransientErrorsAreFinishedHardErrorsAreNot
         }
         CCommU port;
         ASSERT_EQ(0, OpenOn(port, memory));
-        std::vector<unsigned char> data = Pattern(5868);
+        std::vector<unsigned char> data = PatternBytes(5868, 2);
         const int result = port.WriteMsg(data.data(), data.size());
         EXPECT_EQ(c.expected == -2 ? 5868 : c.expected, result);
         if (c.expected == -2) {
@@ -170,7 +163,7 @@ TEST(SerialReadPath, AReplyArrivingInPiecesIsAssembledInOrder)
         SCOPED_TRACE(c.fast ? "fast link" : "polled");
         MemoryPort memory;
         memory.maxRead = c.piece;
-        const std::vector<unsigned char> reply = Pattern(c.size);
+        const std::vector<unsigned char> reply = PatternBytes(c.size, 3);
         memory.Feed(reply.data(), reply.size());
         CCommU port;
         port.SetFastLink(c.fast);

@@ -171,19 +171,6 @@ TEST_F(SerialPortTest, ReadMsgTakesExactlyTheRequestedBytesOrTimesOut)
     }
 }
 
-// The poll bound is two seconds at this rate; a line that is gone must not use it.
-TEST_F(SerialPortTest, ReadMsgFailsAtOnceWhenTheLineHangsUp)
-{
-    CCommU port;
-    ASSERT_EQ(0, Open(port, 115200));
-    pty.CloseMaster();
-    unsigned char buf[12];
-    EXPECT_EQ(kTimedOut, port.ReadMsg(buf, 12));
-    // Failed for the hang-up, not after the full polling: the line is marked lost.
-    EXPECT_TRUE(port.LineLost());
-    port.UART_Close();
-}
-
 TEST_F(SerialPortTest, SecondOpenOfALockedDeviceFailsAtOnce)
 {
     CCommU first, second;

@@ -154,18 +154,10 @@ ksim::TargetConfig RomFlash(uint8_t responder = 1)
     return config;
 }
 
-Bytes Pattern(size_t size, uint8_t seed)
-{
-    Bytes data(size);
-    for (size_t i = 0; i < size; ++i)
-        data[i] = static_cast<uint8_t>(seed + i * 13);
-    return data;
-}
-
 // A plausible program: stack 0x0007E000, reset 0x00010101, then filler.
 Bytes BootLoaderImage(uint32_t stack = 0x0007E000, uint32_t reset = 0x00010101)
 {
-    Bytes image = Pattern(1024, 3);
+    Bytes image = PatternBytes(1024, 3);
     for (int i = 0; i < 4; ++i) {
         image[i] = static_cast<uint8_t>(stack >> (8 * i));
         image[4 + i] = static_cast<uint8_t>(reset >> (8 * i));
@@ -190,7 +182,7 @@ TEST(SimFrames, WorkedExamplesMatchTheEncoderAndAreAnsweredWithCheckedReplies)
         {"42 52 4F 4D 04 00 60 57 00 00 00 01 12", Frame(0x12), 0},
     };
     ksim::TargetConfig config = RomFlash(2);
-    config.flashId = Pattern(24, 1);
+    config.flashId = PatternBytes(24, 1);
     Chip chip(config);
     for (const auto& example : examples) {
         SCOPED_TRACE(example.hex);
@@ -203,7 +195,7 @@ TEST(SimFrames, WorkedExamplesMatchTheEncoderAndAreAnsweredWithCheckedReplies)
             EXPECT_TRUE(chip.Send(Bytes(512, 0xFF)).Ack()) << "the data phase";
         }
     }
-    EXPECT_EQ(Pattern(24, 1), chip.Send(GetFlashId()).Payload());
+    EXPECT_EQ(PatternBytes(24, 1), chip.Send(GetFlashId()).Payload());
     EXPECT_EQ("42 52 4F 4D 06 01 1E 87 00 00 00 03 C8 40 16", ToHex(Chip().Send(GetFlashId()).bytes));
 }
 
@@ -286,29 +278,12 @@ TEST(SimFrames, GarbageIsSkippedAndHalfAFrameOrDataPhaseIsForgottenAfterAQuietTi
     EXPECT_TRUE(chip.Send(frame).Ack()) << "the abandoned data phase swallowed a frame";
 }
 
-TEST(SimFrames, RegisterAndMemoryAccessesRoundTrip)
-{
-    Chip chip;
-    ASSERT_TRUE(chip.Send(Frame(0x05, {{0x20000000, 4}}, {0x78, 0x56, 0x34, 0x12})).Ack());
-    EXPECT_EQ(HexBytes("78 56 34 12"), chip.Send(Frame(0x04, {{0x20000000, 4}})).Payload());
-    EXPECT_EQ(HexBytes("34 12"), chip.Send(Frame(0x02, {{0x20000002, 4}})).Payload());
-    EXPECT_EQ(Bytes(8, 0), chip.Send(Frame(0x06, {{0x40000000, 4}})).Payload());
-    Bytes data = {1, 2, 3, 4, 5};
-    ASSERT_TRUE(chip.Write(WriteMemory(0x00020000, 5, DataSum(data)), data).Ack());
-    EXPECT_EQ(data, chip.Send(Frame(0x08, {{0x00020000, 4}, {5, 4}})).Payload());
-    EXPECT_EQ(HexBytes("05"), chip.Send(Frame(0x00, {{0x00020004, 4}})).Payload());
-    Answer none = chip.Send(Frame(0x08, {{0x00020000, 4}, {0, 4}}));
-    EXPECT_TRUE(none.Ack());
-    EXPECT_TRUE(none.Payload().empty());
-    EXPECT_TRUE(chip.Send(Frame(0x11, {{1, 1}})).Ack());  // SetJtag
-}
-
 TEST(SimFlash, SectorsProgramByAndEraseSetsFFAndRangesEndAtTheConfiguredSize)
 {
     TempDir dir;
     std::string path = dir.File("flash.bin");
     Chip chip(RomFlash(), {}, 0x20000, path);
-    Bytes first = Pattern(1024, 0x5A), second = Pattern(1024, 0xC3), both(1024);
+    Bytes first = PatternBytes(1024, 0x5A), second = PatternBytes(1024, 0xC3), both(1024);
     for (size_t i = 0; i < both.size(); ++i)
         both[i] = first[i] & second[i];
     ASSERT_TRUE(chip.WriteSectors(0x81, first));
@@ -320,10 +295,10 @@ TEST(SimFlash, SectorsProgramByAndEraseSetsFFAndRangesEndAtTheConfiguredSize)
     EXPECT_EQ(both, Bytes(file.begin() + 0x10200, file.begin() + 0x10600));
 
     // Erasing any address inside a block clears the whole block, and only it.
-    ASSERT_TRUE(chip.WriteSectors(0x7F, Pattern(512, 1)));
+    ASSERT_TRUE(chip.WriteSectors(0x7F, PatternBytes(512, 1)));
     ASSERT_TRUE(chip.Send(Erase(0x1ABCD)).Ack());
     EXPECT_EQ(Bytes(2048, 0xFF), chip.ReadSectors(0x80, 4));
-    EXPECT_EQ(Pattern(512, 1), chip.ReadSectors(0x7F, 1));
+    EXPECT_EQ(PatternBytes(512, 1), chip.ReadSectors(0x7F, 1));
     file = ReadFileBytes(path);
     EXPECT_EQ(Bytes(0x10000, 0xFF), Bytes(file.begin() + 0x10000, file.end()));
     EXPECT_TRUE(chip.Send(Erase(0x1FFFF)).Ack());
@@ -333,7 +308,7 @@ TEST(SimFlash, SectorsProgramByAndEraseSetsFFAndRangesEndAtTheConfiguredSize)
         EXPECT_EQ(4, chip.Send(frame).ErrorType());
 
     Chip again(RomFlash(), {}, 0x20000, path);  // the file keeps its contents
-    EXPECT_EQ(Pattern(512, 1), again.ReadSectors(0x7F, 1));
+    EXPECT_EQ(PatternBytes(512, 1), again.ReadSectors(0x7F, 1));
     ksim::NorFlash other;
     std::string error;
     EXPECT_FALSE(other.Open(path, 0x40000, error)) << "a file of another size is refused";

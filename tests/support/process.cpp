@@ -183,3 +183,27 @@ std::vector<unsigned char> ReadFileBytes(const std::string& path)
     return std::vector<unsigned char>(std::istreambuf_iterator<char>(in),
                                       std::istreambuf_iterator<char>());
 }
+
+std::string ReadText(const std::string& path)
+{
+    std::vector<unsigned char> bytes = ReadFileBytes(path);
+    return std::string(bytes.begin(), bytes.end());
+}
+
+void WriteText(const std::string& path, const std::string& text)
+{
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+std::vector<unsigned char> PatternBytes(size_t count, uint32_t seed)
+{
+    std::vector<unsigned char> bytes(count);
+    uint32_t x = seed * 2654435761u + 12345u;
+    for (size_t i = 0; i < count; ++i) {
+        x ^= x << 13;
+        x ^= x >> 17;
+        x ^= x << 5;
+        bytes[i] = static_cast<unsigned char>(x >> 8);
+    }
+    return bytes;
+}

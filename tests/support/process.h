@@ -1,6 +1,7 @@
 // Child processes for black-box and end-to-end tests: the tool itself and the
 // simulated target.
 #pragma once
+#include <cstdint>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -62,4 +63,11 @@ private:
     std::string m_rest;
 };
 
+// Files and text. A file that cannot be read reads as empty.
 std::vector<unsigned char> ReadFileBytes(const std::string& path);
+std::string ReadText(const std::string& path);
+void WriteText(const std::string& path, const std::string& text);
+inline bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// Deterministic filler that differs from the erased value almost everywhere.
+std::vector<unsigned char> PatternBytes(size_t count, uint32_t seed);

@@ -23,25 +23,6 @@ std::string CapturedStdout(Run run)
     return testing::internal::GetCapturedStdout();
 }
 
-inline std::string ReadText(const std::string& path)
-{
-    std::vector<unsigned char> bytes = ReadFileBytes(path);
-    return std::string(bytes.begin(), bytes.end());
-}
-
-inline void WriteBytes(const std::string& path, const std::vector<unsigned char>& bytes)
-{
-    FILE* f = fopen(path.c_str(), "wb");
-    ASSERT_NE(nullptr, f);
-    EXPECT_EQ(bytes.size(), fwrite(bytes.data(), 1, bytes.size(), f));
-    fclose(f);
-}
-
-inline bool Has(const std::string& text, const std::string& part)
-{
-    return text.find(part) != std::string::npos;
-}
-
 class PtyPair {
 public:
     PtyPair()

@@ -10,19 +10,6 @@
 #include "tools/image_builder.h"
 #include "upgrade/UpGrade.h"
 
-Bytes PatternBytes(size_t count, uint32_t seed)
-{
-    Bytes bytes(count);
-    uint32_t x = seed * 2654435761u + 12345u;
-    for (size_t i = 0; i < count; ++i) {
-        x ^= x << 13;
-        x ^= x >> 17;
-        x ^= x << 5;
-        bytes[i] = static_cast<uint8_t>(x >> 8);
-    }
-    return bytes;
-}
-
 Bytes MakeImage(uint32_t version, const std::vector<size_t>& dataSizes, uint32_t seed,
                 uint32_t otaSizeBits, uint32_t otaAddress)
 {

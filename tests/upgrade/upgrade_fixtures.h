@@ -14,9 +14,6 @@ using Bytes = std::vector<uint8_t>;
 constexpr uint32_t kFlashSize = 4u << 20;  // the simulator's default flash
 constexpr uint32_t kBlock = 65536;
 
-// Deterministic filler that differs from the erased value almost everywhere.
-Bytes PatternBytes(size_t count, uint32_t seed);
-
 // An image of sections with these data sizes (pattern data). With otaAddress not
 // 0xFFFFFFFF the first section carries the OTA parameters (otaSizeBits is the upper
 // 24 bits of the first private word).
@@ -45,11 +42,7 @@ public:
 
     const Bytes& InitialFlash() const { return m_initialFlash; }
     Bytes Flash() const { return ReadFileBytes(Path("flash.bin")); }
-    std::string Trace() const
-    {
-        Bytes bytes = ReadFileBytes(Path("trace.txt"));
-        return std::string(bytes.begin(), bytes.end());
-    }
+    std::string Trace() const { return ReadText(Path("trace.txt")); }
 
 private:
     TempDir m_dir;

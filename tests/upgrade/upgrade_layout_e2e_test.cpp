@@ -2,8 +2,7 @@
 // and from a combined image; every byte of the flash file is compared.
 #include <gtest/gtest.h>
 
-#include <sstream>
-
+#include "tests/support/sim_link.h"
 #include "tests/upgrade/upgrade_fixtures.h"
 
 namespace {
@@ -27,6 +26,8 @@ Bytes Expected(const Bytes& initial, const Bytes& image, uint32_t otaAddress, ui
         ModelEtfWrite(flash, otaAddress + otaSize, etfData);
     return flash;
 }
+
+void PrintTo(const OtaCase& c, std::ostream* os) { *os << c.name; }
 
 class OtaAreaRun : public testing::TestWithParam<OtaCase> {};
 
@@ -82,23 +83,13 @@ TEST(EtfImageRun, LandsBehindTheOtaAreaWithoutItsFirstSection)
 }
 
 // Index (from 1) of the first WriteSector frame the target received after its
-// `erases`-th EraseFlash frame, read from the trace's "rx" lines.
+// `erases`-th EraseFlash frame.
 size_t FirstWriteAfterErase(const std::string& trace, size_t erases)
 {
     size_t erasesSeen = 0, writesSeen = 0;
-    std::istringstream lines(trace);
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream words(line);
-        std::string direction, baud, byte;
-        words >> direction >> baud;
-        std::vector<std::string> bytes;
-        while (words >> byte)
-            bytes.push_back(byte);
-        if (direction != "rx" || bytes.size() < 13 || bytes[0] != "42" || bytes[3] != "4D")
-            continue;
-        if (bytes[12] == "19")
-            ++erasesSeen;
-        if (bytes[12] == "1B" && ++writesSeen && erasesSeen == erases)
+    for (const SimCommand& c : TraceCommands(trace)) {
+        erasesSeen += c.Opcode() == 0x19;
+        if (c.Opcode() == 0x1B && ++writesSeen && erasesSeen == erases)
             return writesSeen;
     }
     return 0;

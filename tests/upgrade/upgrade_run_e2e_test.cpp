@@ -15,11 +15,6 @@ constexpr uint8_t kEraseFlash = 0x19;
 constexpr uint8_t kWriteSector = 0x1B;
 constexpr uint8_t kReadSector = 0x1A;
 
-bool Has(const std::string& text, const std::string& what)
-{
-    return text.find(what) != std::string::npos;
-}
-
 // One section: 64 header bytes and the rest data.
 Bytes MainImageOfSize(size_t total, uint32_t seed)
 {

@@ -1,0 +1,136 @@
+// The flash debug mode from the command line against the simulated target: what
+// each operation leaves in flash and in files, and that failures end the tool with
+// 255. The boot ROM serves the flash, since the debug mode uploads no boot-loader.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+
+#include "flashhost/CFlashHost.h"
+#include "serial/CCommU.h"
+#include "tests/support/serial_fixtures.h"
+#include "tests/upgrade/upgrade_fixtures.h"
+#include "upgrade/UpGrade.h"
+
+namespace {
+
+const std::vector<std::string> kRomFlash = {"--rom-flash", "yes"};
+
+// The read is a whole block and a tail; the erase range meets one block; the
+// written file ends inside a sector, and the 0xFF sent after it leaves the rest of
+// that sector as it was (flash that is not erased takes the AND of old and new).
+TEST(FlashDebugEndToEnd, EachOperationTouchesExactlyItsRange)
+{
+    const Bytes file = PatternBytes(0x11234, 5);
+    const struct {
+        std::vector<std::string> options;
+        std::vector<std::string> out;
+        std::function<void(Bytes&)> model;  // the flash afterwards, from the flash before
+    } cases[] = {
+        {{"-D", "r", "-A", "0x30200", "-L", "0x10100"},
+         {"Debug op:read\nAddress:0x00030200\nLength:0x00010100\n",
+          "Read addr:0x00030200 len:0x00010100 OK!\nData saved in file:flash_A_0x30200_L_0x10100.bin\n"},
+         [](Bytes&) {}},
+        {{"-D", "e", "-A", "0x10080", "-L", "0x100"}, {"Erase addr:0x00010080 len:0x00000100 OK!\n"},
+         [](Bytes& f) { std::fill(f.begin() + 0x10000, f.begin() + 0x20000, 0xFF); }},
+        {{"-D", "w", "-A", "0x20000", "-L", "0x11234", "-B", "image.bin"},
+         {"Write bin file:image.bin\n", "Write addr:0x00020000 len:0x00011234 OK!\n"},
+         [&](Bytes& f) {
+             for (size_t i = 0; i < file.size(); ++i)
+                 f[0x20000 + i] &= file[i];
+         }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.out.back());
+        UpgradeBench bench;
+        bench.WriteFile("image.bin", file);
+        ProcessResult r = bench.Run(c.options, kRomFlash);
+        EXPECT_EQ(0, r.exitStatus) << r.out;
+        for (const std::string& line : c.out)
+            EXPECT_TRUE(Has(r.out, line)) << r.out;
+        Bytes expected = bench.InitialFlash();
+        c.model(expected);
+        EXPECT_EQ(-1, FirstDifference(bench.Flash(), expected));
+        EXPECT_EQ(1u, CountFramesReceived(bench.Trace(), 0x10, "115200")) << "ChangeBaud";
+        if (c.options[1] == "r") {
+            EXPECT_EQ(Bytes(expected.begin() + 0x30200, expected.begin() + 0x40300),
+                      ReadFileBytes(bench.Path("flash_A_0x30200_L_0x10100.bin")));
+        }
+    }
+}
+
+// A target that hangs up or refuses must end the tool with its text, not hang it;
+// a write file that cannot supply the range is refused before anything is written;
+// a read that failed part-way leaves neither its file nor the temporary behind.
+TEST(FlashDebugEndToEnd, FailuresEndTheToolWithStatus255AndLeaveFlashAndFolderAlone)
+{
+    const struct {
+        std::string fault;
+        std::vector<std::string> options;
+        std::string line;
+    } cases[] = {
+        {"ReadSector:2:vanish", {"-D", "r", "-A", "0", "-L", "0x2000"},
+         "Read failed: Cmd read sectors waits for ack timeout or comm error!\n"},
+        {"EraseFlash:1:error3", {"-D", "e", "-A", "0", "-L", "0x100"}, "Erase failed: CMD checksum error!\n"},
+        {"WriteSector:2:error2", {"-D", "w", "-A", "0", "-L", "0x2000", "-B", "data.bin"},
+         "Write failed: CMD timeout!\n"},
+        {"ReadSector:1:toolong", {"-D", "r", "-A", "0", "-L", "0x200"}, "Read failed: Payload too long!\n"},
+        {"GetFlashId:every:noreply", {"-D", "r", "-A", "0", "-L", "0x200"}, "Get Flash ID error!\n"},
+        {"", {"-D", "w", "-A", "0x20000", "-L", "0x2001", "-B", "data.bin"}, "Failed to read file: data.bin"},
+        {"", {"-D", "w", "-A", "0", "-L", "0x200", "-B", "absent.bin"}, "Failed to open file: absent.bin\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        UpgradeBench bench;
+        bench.WriteFile("data.bin", Bytes(0x2000, 0x5A));
+        std::vector<std::string> simArgs = kRomFlash;
+        if (!c.fault.empty())
+            simArgs.insert(simArgs.end(), {"--fault", c.fault});
+        ProcessResult r = bench.Run(c.options, simArgs);
+        EXPECT_EQ(255, r.exitStatus) << r.out;
+        EXPECT_TRUE(Has(r.out, c.line)) << r.out;
+        if (c.fault.rfind("WriteSector", 0) != 0) {  // a write refused part-way has programmed its start
+            EXPECT_EQ(-1, FirstDifference(bench.Flash(), bench.InitialFlash()));
+        }
+        for (const auto& entry : std::filesystem::directory_iterator(bench.Path("")))
+            EXPECT_NE(0u, entry.path().filename().string().rfind("flash_A_", 0)) << entry.path();
+    }
+}
+
+// Held by another program, then not there at all.
+TEST(FlashDebugEndToEnd, DeviceThatCannotBeOpenedFailsAtOnce)
+{
+    TempDir dir;
+    std::vector<std::string> args = {"-D", "r", "-A", "0", "-L", "0x200", "-c", dir.File("no-such-tty")};
+    ProcessOptions how;
+    how.cwd = dir.Path();
+    ProcessResult r = RunProcess(ToolPath(), args, how);
+    EXPECT_EQ(255, r.exitStatus) << r.out;
+    EXPECT_TRUE(Has(r.out, "Open uart error!\n")) << r.out;
+
+    SimProcess sim({"--rom-flash", "yes"});
+    ASSERT_TRUE(sim.Started());
+    CCommU holder;
+    std::string path = sim.DevicePath();
+    ASSERT_EQ(0, holder.Uart_Init(&path[0], 115200));
+    args.back() = path;
+    r = RunProcess(ToolPath(), args, how);
+    holder.UART_Close();
+    EXPECT_EQ(255, r.exitStatus) << r.out;
+    EXPECT_TRUE(Has(r.out, "ERR: can't open serial port:" + path + "!\r\nOpen uart error!\n")) << r.out;
+}
+
+// Called in-process: the command line cannot produce these codes.
+TEST(FlashDebugEndToEnd, OperationCodesOutsideTheTable)
+{
+    EXPECT_EQ("Invalid operation code:7\n",
+              CapturedStdout([] { EXPECT_EQ(-1, FlashOperate(7, 0, 0x200, nullptr)); }));
+    SimProcess sim({"--rom-flash", "yes"});
+    ASSERT_TRUE(sim.Started());
+    g_flashHost.SetComNum(sim.DevicePath());
+    g_flashHost.SetBaud(921600);
+    EXPECT_EQ("Debug op:reserve\nAddress:0x00001000\nLength:0x00000200\nInvalid operation code:0\n",
+              CapturedStdout([] { EXPECT_EQ(0, FlashOperate(0, 0x1000, 0x200, nullptr)); }));
+}
+
+}  // namespace
