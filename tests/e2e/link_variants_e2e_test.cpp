@@ -143,18 +143,17 @@ TEST(FastLink, ChangeCheckStopsAtTheFirstDifferenceAndErasedSectorsAreNotSent)
     EXPECT_EQ(-1, FirstDifference(expected, bench.Flash()));
 }
 
-// Every rate above 921600 in the table: the boot-loader goes over at 921600, then
+// Rates above 921600: the boot-loader goes over at 921600, then
 // the line moves up; the image lands whole. The last row turns the fast link on
 // through the settings file instead of --fast.
-TEST(FastLink, EveryFastRateUpgradesWithReadBack)
+TEST(FastLink, RatesAbove921600UpgradeWithReadBack)
 {
     const Bytes main = MakeImage(2, {90000}, 41, 0x8000, 0x1F8000);
     struct Case {
         const char* rate;
         bool throughSettings;
     };
-    for (const Case& c : {Case{"1000000", false}, Case{"1500000", false}, Case{"2000000", false},
-                          Case{"3000000", false}, Case{"2000000", true}}) {
+    for (const Case& c : {Case{"1000000", false}, Case{"3000000", false}, Case{"1500000", true}}) {
         SCOPED_TRACE(std::string(c.rate) + (c.throughSettings ? " (bFastLink=1)" : " (--fast)"));
         UpgradeBench bench;
         bench.WriteFile("main.img", main);

@@ -25,29 +25,22 @@ inline ksim::TargetConfig RomServesFlash()
     return config;
 }
 
-// Points `host` at `link` instead of a device.
-inline void WireToLink(CFlashHost& host, SimLink& link, int useBrom)
-{
-    host.UsePort(&link);
-    host.SetComNum("sim");
-    host.SetUseBrom(useBrom);
-}
-
 // The host's side of a link: `host` talks over `link` (declared first, so it
 // outlives the host).
 struct HostAndLink {
     explicit HostAndLink(const ksim::TargetConfig& config = RomServesFlash(), int useBrom = 0)
         : link(config)
     {
-        WireToLink(host, link, useBrom);
+        host.UsePort(&link);
+        host.SetComNum("sim");
+        host.SetUseBrom(useBrom);
     }
     SimLink link;
     CFlashHost host;
 };
 
-class HostOnSim : public ::testing::Test {
+class HostOnSim : public ::testing::Test, protected HostAndLink {
 protected:
-    HostOnSim() : link(RomServesFlash()) { WireToLink(host, link, 0); }
     void SetUp() override { g_Setting.bLogLevel = 0; }
     void TearDown() override { g_Setting.bLogLevel = 0; }
 
@@ -58,7 +51,4 @@ protected:
         ASSERT_EQ(0, host.OpenUart()) << host.m_strMsg;
         link.ClearRecord();
     }
-
-    SimLink link;  // declared first: it outlives the host
-    CFlashHost host;
 };

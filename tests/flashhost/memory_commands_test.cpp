@@ -43,8 +43,9 @@ TEST_F(HostOnSim, ValuesAndBlocksComeBackExactlyAsWrittenAndNoFurther)
     ASSERT_EQ(0, host.ReadMemoryLen(kSram, out.data(), 0)) << host.m_strMsg;
 }
 
-// A reply shorter than asked for leaves the caller's buffer as it was.
-TEST_F(HostOnSim, ShortReplyPayloadIsRefusedAndNotCopied)
+// A reply shorter than asked for leaves the caller's buffer as it was; a read the
+// reply buffer cannot hold is refused before anything is sent.
+TEST_F(HostOnSim, ShortRepliesAndOversizedReadsAreRefusedAndNothingIsCopied)
 {
     Connect(921600);
     Bytes out(2048, 0xEE);
@@ -55,6 +56,16 @@ TEST_F(HostOnSim, ShortReplyPayloadIsRefusedAndNotCopied)
     EXPECT_EQ(-1, host.ReadSector(0, out.data(), 4));
     EXPECT_EQ("Reply payload too short!", host.m_strMsg);
     EXPECT_EQ(Bytes(2048, 0xEE), out);
+
+    link.ClearRecord();
+    Bytes big(16 * 512);
+    EXPECT_EQ(-1, host.ReadMemoryLen(kSram, big.data(), 8191));
+    EXPECT_EQ("Read request exceeds the 8190-byte reply buffer!", host.m_strMsg);
+    EXPECT_EQ(-1, host.ReadSector(0, big.data(), 16));
+    EXPECT_EQ("Read request exceeds the 8190-byte reply buffer!", host.m_strMsg);
+    EXPECT_EQ(0u, link.written.size());
+    EXPECT_EQ(0, host.ReadMemoryLen(kSram, big.data(), 8190)) << host.m_strMsg;
+    EXPECT_EQ(0, host.ReadSector(0, big.data(), 15)) << host.m_strMsg;
 }
 
 // The data would be sync bytes, each drawing an answer, had it been sent.
@@ -75,19 +86,6 @@ TEST_F(HostOnSim, RefusedBulkCommandSendsNoData)
         EXPECT_EQ("CMD invalid!", host.m_strMsg);
         EXPECT_EQ(23u, link.written.size());
     }
-}
-
-TEST_F(HostOnSim, ReadsBeyondTheReplyBufferAreRefusedBeforeSending)
-{
-    Connect();
-    Bytes big(16 * 512);
-    EXPECT_EQ(-1, host.ReadMemoryLen(kSram, big.data(), 8191));
-    EXPECT_EQ("Read request exceeds the 8190-byte reply buffer!", host.m_strMsg);
-    EXPECT_EQ(-1, host.ReadSector(0, big.data(), 16));
-    EXPECT_EQ("Read request exceeds the 8190-byte reply buffer!", host.m_strMsg);
-    EXPECT_EQ(0u, link.written.size());
-    EXPECT_EQ(0, host.ReadMemoryLen(kSram, big.data(), 8190)) << host.m_strMsg;
-    EXPECT_EQ(0, host.ReadSector(0, big.data(), 15)) << host.m_strMsg;
 }
 
 // The target vanishes when the command arrives, so the reply header never comes.

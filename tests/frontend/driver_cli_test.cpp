@@ -7,7 +7,6 @@
 #include <string>
 
 #include "image/FwParser.h"
-#include "tests/frontend/test_files.h"
 #include "tests/support/process.h"
 #include "tools/image_builder.h"
 
@@ -41,13 +40,7 @@ const char kAsterisks[] = "*************************************************\n";
 
 class DriverCli : public testing::Test {
 protected:
-    ProcessResult Run(const std::vector<std::string>& args)
-    {
-        ProcessOptions options;
-        options.cwd = dir.Path();
-        options.timeoutSeconds = 30;
-        return RunProcess(ToolPath(), args, options);
-    }
+    ProcessResult Run(const std::vector<std::string>& args) { return RunProcess(ToolPath(), args, {dir.Path()}); }
     void WriteBytes(const std::string& name, size_t count, uint8_t seed)
     {
         ASSERT_TRUE(WriteFileBytes(dir.File(name), PatternBytes(count, seed)));
@@ -138,11 +131,9 @@ TEST_F(DriverCli, CombineThatCannotWriteLeavesNoPartialImage)
 
     // One 1 KiB block may be written; the signal for exceeding it is ignored, so
     // the write fails with an error the way a full disk makes it fail.
-    ProcessOptions options;
-    options.cwd = dir.Path();
     r = RunProcess("/bin/sh", {"-c", "ulimit -f 1; trap '' XFSZ; exec \"$0\" \"$@\"", ToolPath(),
                                "-D", "n", "-g", "1", "-i", "main.img", "-I", "etf.img", "-G", "out.cimg"},
-                   options);
+                   {dir.Path()});
     EXPECT_EQ(255, r.exitStatus);
     EXPECT_NE(std::string::npos, r.out.find("Failed to write combine image file: out.cimg\n")) << r.out;
     EXPECT_NE(0, access(dir.File("out.cimg").c_str(), F_OK));

@@ -5,7 +5,6 @@
 #include <cstring>
 #include <string>
 
-#include "tests/frontend/test_files.h"
 #include "tests/support/process.h"
 
 namespace {
@@ -48,14 +47,12 @@ TEST(GetProfileString, LineRules)
         {"semicolon is no comment", "[comm]\n;key=x\nkey=y\n", "comm", "key", 0, "y"},
         {"text after header", "[comm] # c\nkey=v\n", "comm", "key", 0, "v"},
         {"blanks inside brackets", "[ comm ]\nkey=v\n", "comm", "key", -1, "DEF"},
-        {"header in other case", "[COMM]\nkey=v\n", "comm", "key", -1, "DEF"},
         {"last line without LF", "[comm]\nkey=v", "comm", "key", 0, "v"},
         {"header on last line", "[comm]", "comm", "key", -1, "DEF"},
         {"CR LF lines", "[comm]\r\n\r\nkey=value\r\n", "comm", "key", 0, "value"},
         {"two words before =", "[comm]\nkey other=v w\n", "comm", "key", 0, "v w"},
         {"= inside the value", "[comm]\nkey=a=b\n", "comm", "key", 0, "a=b"},
         {"token stops at |", "[comm]\nkey|x=v\n", "comm", "key", 0, "v"},
-        {"token stops at ^", "[comm]\nkey^x=v\n", "comm", "key", 0, "v"},
         {"empty value keeps buffer", "[comm]\nkey=\n", "comm", "key", 0, ""},
         {"blank value untrimmed", "[comm]\nkey=   \n", "comm", "key", 0, "   "},
         {"high bytes are no blanks", "[comm]\nkey=\xA0v\xA0\n", "comm", "key", 0, "\xA0v\xA0"},
@@ -113,28 +110,6 @@ TEST(GetProfileNumbers, ConversionRules)
     }
     WriteText(path, "");
     EXPECT_EQ(3u, GetProfileHex(&path[0], &section[0], &key[0], 3.9f));  // truncated toward zero
-}
-
-TEST(Trim, RemovesStandardWhitespaceOnly)
-{
-    struct TrimCase {
-        const char* in;
-        const char* left;
-        const char* right;
-        const char* both;
-    };
-    const TrimCase cases[] = {
-        {"", "", "", ""},
-        {" \t\r\n\v\f", "", "", ""},
-        {"  a b \t\n", "a b \t\n", "  a b", "a b"},
-        {"\xA0x\xA0", "\xA0x\xA0", "\xA0x\xA0", "\xA0x\xA0"},
-    };
-    for (const TrimCase& c : cases) {
-        char out[32];
-        EXPECT_STREQ(c.left, l_trim(out, c.in)) << c.in;
-        EXPECT_STREQ(c.right, r_trim(out, c.in)) << c.in;
-        EXPECT_STREQ(c.both, a_trim(out, c.in)) << c.in;
-    }
 }
 
 }  // namespace

@@ -14,10 +14,7 @@ namespace {
 
 ProcessResult RunTool(const TempDir& dir, const std::vector<std::string>& args)
 {
-    ProcessOptions options;
-    options.cwd = dir.Path();
-    options.timeoutSeconds = 30;
-    return RunProcess(ToolPath(), args, options);
+    return RunProcess(ToolPath(), args, {dir.Path()});
 }
 
 std::vector<std::string> Lines(const std::string& text)

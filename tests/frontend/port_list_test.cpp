@@ -3,7 +3,6 @@
 // in for it.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,11 +18,6 @@ void MakeFolders(const std::string& path)
     mkdir(path.c_str(), 0755);
 }
 
-void WriteText(const std::string& path, const std::string& text)
-{
-    std::ofstream(path) << text << "\n";
-}
-
 TEST(PortList, UsbIdsSerialDriverAndByIdNameComeFromSysfs)
 {
     TempDir dir;
@@ -34,9 +28,9 @@ TEST(PortList, UsbIdsSerialDriverAndByIdNameComeFromSysfs)
     MakeFolders(sys + "/bus/usb-serial/drivers/ftdi_sio");
     MakeFolders(sys + "/class/tty");
     MakeFolders(dev + "/serial/by-id");
-    WriteText(usb + "/idVendor", "0403");
-    WriteText(usb + "/idProduct", "6001");
-    WriteText(usb + "/serial", "A10K3XYZ");
+    WriteText(usb + "/idVendor", "0403\n");
+    WriteText(usb + "/idProduct", "6001\n");
+    WriteText(usb + "/serial", "A10K3XYZ\n");
     ASSERT_EQ(0, symlink("../../../../../bus/usb-serial/drivers/ftdi_sio", (port + "/driver").c_str()));
     MakeFolders(sys + "/class/tty/ttyUSB0");
     ASSERT_EQ(0, symlink(port.c_str(), (sys + "/class/tty/ttyUSB0/device").c_str()));

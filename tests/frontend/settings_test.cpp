@@ -7,7 +7,6 @@
 #include <string>
 
 #include "frontend/options.h"
-#include "tests/frontend/test_files.h"
 #include "tests/support/process.h"
 
 namespace {

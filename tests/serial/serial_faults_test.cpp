@@ -3,11 +3,7 @@
 // the adapter refuses, devices that cannot be opened.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
-#include <fcntl.h>
-#include <poll.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -24,61 +20,6 @@ int OpenOn(CCommU& port, MemoryPort& memory, unsigned int baud = 921600)
     port.UsePort(&memory);
     char path[] = "/dev/memory";
     return port.Uart_Init(path, baud);
-}
-
-// The write end of a pipe as a byte port: the kernel takes what fits and refuses
-// the rest with EAGAIN, as an adapter's driver does with its FIFO.
-class PipePort : public BytePort {
-public:
-    explicit PipePort(int fd) : m_fd(fd) {}
-    int Open(const char*) override { return m_fd; }
-    void Close() override {}
-    int Configure(int, unsigned int) override { return 0; }
-    void Flush() override {}
-    long Read(unsigned char*, size_t) override { errno = EAGAIN; return -1; }
-    long Write(const unsigned char* buf, size_t len) override { return write(m_fd, buf, len); }
-    int Wait(bool forWrite, unsigned int timeoutUs) override
-    {
-        pollfd p = {m_fd, static_cast<short>(forWrite ? POLLOUT : POLLIN), 0};
-        int n = poll(&p, 1, static_cast<int>((timeoutUs + 999) / 1000));
-        return n < 0 ? -1 : n;
-    }
-
-private:
-    int m_fd;
-};
-
-// The boot-loader upload (5,868 bytes) through a 4 KiB pipe drained slowly: every
-// byte arrives, in order, and the write reports all of them.
-TEST(SerialWritePath, LongWriteThroughASmallSlowlyDrainedFifoArrivesWhole)
-{
-    int fds[2];
-    ASSERT_EQ(0, pipe(fds));
-    ASSERT_GE(fcntl(fds[1], F_SETPIPE_SZ, 4096), 4096);
-    ASSERT_EQ(0, fcntl(fds[1], F_SETFL, O_NONBLOCK));
-    const std::vector<unsigned char> sent = PatternBytes(5868 * 2, 1);
-    std::vector<unsigned char> received;
-    std::thread reader([&] {
-        unsigned char chunk[512];
-        while (received.size() < sent.size()) {
-            ssize_t n = read(fds[0], chunk, sizeof chunk);
-            if (n <= 0)
-                break;
-            received.insert(received.end(), chunk, chunk + n);
-            usleep(2000);  // the line drains the FIFO at its own pace
-        }
-    });
-    PipePort pipePort(fds[1]);
-    CCommU port;
-    port.UsePort(&pipePort);
-    char path[] = "pipe";
-    ASSERT_EQ(0, port.Uart_Init(path, 921600));
-    std::vector<unsigned char> copy = sent;
-    EXPECT_EQ(static_cast<int>(sent.size()), port.WriteMsg(copy.data(), copy.size()));
-    reader.join();
-    EXPECT_TRUE(received == sent);
-    close(fds[0]);
-    close(fds[1]);
 }
 
 TEST(SerialWritePath, PartialWritesAndTransientErrorsAreFinishedHardErrorsAreNot)

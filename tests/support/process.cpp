@@ -13,18 +13,31 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <thread>
 
 namespace {
 
-std::vector<char*> ArgVector(const std::string& program, const std::vector<std::string>& args)
+// Starts `program` in `cwd` (empty: this folder) with `streams` as its standard
+// input, output and error (-1 keeps the test's own). Every descriptor in `pipes`
+// is closed in the child, so the ends the test keeps see their end of file.
+pid_t Spawn(const std::string& program, const std::vector<std::string>& args, const std::string& cwd,
+            const int (&streams)[3], const std::vector<int>& pipes)
 {
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(program.c_str()));
+    std::vector<char*> argv = {const_cast<char*>(program.c_str())};
     for (const std::string& a : args)
         argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
-    return argv;
+    pid_t pid = fork();
+    if (pid != 0)
+        return pid;
+    for (int i = 0; i < 3; ++i)
+        if (streams[i] >= 0)
+            dup2(streams[i], i);
+    for (int fd : pipes)
+        close(fd);
+    if (!cwd.empty() && chdir(cwd.c_str()) != 0)
+        _exit(126);
+    execv(program.c_str(), argv.data());
+    _exit(127);
 }
 
 void DrainInto(int fd, std::string& sink, bool& open)
@@ -37,6 +50,21 @@ void DrainInto(int fd, std::string& sink, bool& open)
         open = false;
 }
 
+// Reads `fd` into `sink` until it ends, `done` says so or ten seconds pass;
+// returns whether the descriptor is still open.
+template <class Done>
+bool DrainFor10s(int fd, std::string& sink, Done done)
+{
+    bool open = true;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (open && !done() && std::chrono::steady_clock::now() < deadline) {
+        pollfd p = {fd, POLLIN, 0};
+        if (poll(&p, 1, 100) > 0)
+            DrainInto(fd, sink, open);
+    }
+    return open;
+}
+
 }  // namespace
 
 ProcessResult RunProcess(const std::string& program, const std::vector<std::string>& args,
@@ -46,19 +74,8 @@ ProcessResult RunProcess(const std::string& program, const std::vector<std::stri
     int inPipe[2], outPipe[2], errPipe[2];
     if (pipe(inPipe) != 0 || pipe(outPipe) != 0 || pipe(errPipe) != 0)
         return result;
-    std::vector<char*> argv = ArgVector(program, args);
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(inPipe[0], 0);
-        dup2(outPipe[1], 1);
-        dup2(errPipe[1], 2);
-        for (int fd : {inPipe[0], inPipe[1], outPipe[0], outPipe[1], errPipe[0], errPipe[1]})
-            close(fd);
-        if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0)
-            _exit(126);
-        execv(program.c_str(), argv.data());
-        _exit(127);
-    }
+    pid_t pid = Spawn(program, args, options.cwd, {inPipe[0], outPipe[1], errPipe[1]},
+                      {inPipe[0], inPipe[1], outPipe[0], outPipe[1], errPipe[0], errPipe[1]});
     close(inPipe[0]);
     close(outPipe[1]);
     close(errPipe[1]);
@@ -120,29 +137,13 @@ SimProcess::SimProcess(const std::vector<std::string>& args)
     int outPipe[2];
     if (pipe(outPipe) != 0)
         return;
-    std::string program = SimPath();
-    std::vector<char*> argv = ArgVector(program, args);
-    m_pid = fork();
-    if (m_pid == 0) {
-        dup2(outPipe[1], 1);
-        close(outPipe[0]);
-        close(outPipe[1]);
-        execv(program.c_str(), argv.data());
-        _exit(127);
-    }
+    m_pid = Spawn(SimPath(), args, "", {-1, outPipe[1], -1}, {outPipe[0], outPipe[1]});
     close(outPipe[1]);
     m_outFd = outPipe[0];
     fcntl(m_outFd, F_SETFL, O_NONBLOCK);
     // The first line is the device path.
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     std::string text;
-    bool open = true;
-    while (open && text.find('\n') == std::string::npos &&
-           std::chrono::steady_clock::now() < deadline) {
-        pollfd fd = {m_outFd, POLLIN, 0};
-        if (poll(&fd, 1, 100) > 0)
-            DrainInto(m_outFd, text, open);
-    }
+    DrainFor10s(m_outFd, text, [&] { return text.find('\n') != std::string::npos; });
     size_t nl = text.find('\n');
     if (nl != std::string::npos) {
         m_device = text.substr(0, nl);
@@ -159,16 +160,9 @@ std::string SimProcess::Stop()
 {
     if (m_pid > 0) {
         kill(m_pid, SIGTERM);
-        bool open = true;
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (open && std::chrono::steady_clock::now() < deadline) {
-            pollfd fd = {m_outFd, POLLIN, 0};
-            if (poll(&fd, 1, 100) > 0)
-                DrainInto(m_outFd, m_rest, open);
-        }
-        int status = 0;
-        if (open)
+        if (DrainFor10s(m_outFd, m_rest, [] { return false; }))
             kill(m_pid, SIGKILL);
+        int status = 0;
         waitpid(m_pid, &status, 0);
         m_pid = -1;
         close(m_outFd);

@@ -2,6 +2,7 @@
 // simulated target.
 #pragma once
 #include <cstdint>
+#include <utility>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -13,6 +14,8 @@ struct ProcessResult {
 };
 
 struct ProcessOptions {
+    ProcessOptions() = default;
+    ProcessOptions(std::string folder) : cwd(std::move(folder)) {}  // RunProcess(p, args, {dir.Path()})
     std::string cwd;            // empty: the test's own working directory
     std::string stdinText;      // written to the child's standard input, then closed
     bool keepStdinOpen = false; // leave standard input open until the child ends
@@ -68,6 +71,24 @@ std::vector<unsigned char> ReadFileBytes(const std::string& path);
 std::string ReadText(const std::string& path);
 void WriteText(const std::string& path, const std::string& text);
 inline bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// argv for getopt: a program name followed by the words, kept alive by the object.
+class ArgList {
+public:
+    explicit ArgList(std::vector<std::string> words) : m_words(std::move(words))
+    {
+        m_words.insert(m_words.begin(), "prog");
+        for (std::string& w : m_words)
+            m_argv.push_back(&w[0]);
+        m_argv.push_back(nullptr);
+    }
+    int argc() const { return static_cast<int>(m_words.size()); }
+    char** argv() { return m_argv.data(); }
+
+private:
+    std::vector<std::string> m_words;
+    std::vector<char*> m_argv;
+};
 
 // Deterministic filler that differs from the erased value almost everywhere.
 std::vector<unsigned char> PatternBytes(size_t count, uint32_t seed);

@@ -115,15 +115,9 @@ TEST_F(Gang, InterruptSendsStopToEveryConsoleAndWaitsForTheBoards)
 {
     pid_t pid = fork();
     if (pid == 0) {
-        std::vector<std::string> words = Args({"/x/wait1", "/x/wait2"});
-        words.insert(words.begin(), GangPath());
-        std::vector<char*> argv;
-        for (std::string& w : words)
-            argv.push_back(&w[0]);
-        argv.push_back(nullptr);
-        int null = open("/dev/null", O_WRONLY);
-        dup2(null, STDOUT_FILENO);
-        execv(argv[0], argv.data());
+        ArgList args(Args({"/x/wait1", "/x/wait2"}));
+        dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
+        execv(GangPath().c_str(), args.argv());
         _exit(127);
     }
     for (int i = 0; i < 100 && !(Started("wait1") && Started("wait2")); ++i)
@@ -156,12 +150,10 @@ TEST(GangEndToEnd, RealToolOnSimulatedBoardsOneOfThemDead)
     SimProcess good2({"--flash", dir.File("f2.bin")});
     SimProcess dead({"--flash", dir.File("f3.bin"), "--fault", "GetFlashId:every:noreply"});
     ASSERT_TRUE(good1.Started() && good2.Started() && dead.Started());
-    ProcessOptions options;
-    options.cwd = dir.Path();
     ProcessResult r = RunProcess(GangPath(), {"--report", "report.json", "--log-dir", "logs",
                                               good1.DevicePath(), dead.DevicePath(), good2.DevicePath(),
                                               "--", "--fast", "-i", "main.img", "-r", "1"},
-                                 options);
+                                 {dir.Path()});
     EXPECT_EQ(1, r.exitStatus) << r.out;
     nlohmann::json report = nlohmann::json::parse(std::ifstream(dir.File("report.json")), nullptr, false);
     ASSERT_EQ(3u, report["boards"].size());

@@ -6,11 +6,9 @@
 #include <filesystem>
 #include <functional>
 
-#include "flashhost/CFlashHost.h"
 #include "serial/CCommU.h"
 #include "tests/support/serial_fixtures.h"
 #include "tests/upgrade/upgrade_fixtures.h"
-#include "upgrade/UpGrade.h"
 
 namespace {
 
@@ -74,7 +72,6 @@ TEST(FlashDebugEndToEnd, FailuresEndTheToolWithStatus255AndLeaveFlashAndFolderAl
         {"EraseFlash:1:error3", {"-D", "e", "-A", "0", "-L", "0x100"}, "Erase failed: CMD checksum error!\n"},
         {"WriteSector:2:error2", {"-D", "w", "-A", "0", "-L", "0x2000", "-B", "data.bin"},
          "Write failed: CMD timeout!\n"},
-        {"ReadSector:1:toolong", {"-D", "r", "-A", "0", "-L", "0x200"}, "Read failed: Payload too long!\n"},
         {"GetFlashId:every:noreply", {"-D", "r", "-A", "0", "-L", "0x200"}, "Get Flash ID error!\n"},
         {"", {"-D", "w", "-A", "0x20000", "-L", "0x2001", "-B", "data.bin"}, "Failed to read file: data.bin"},
         {"", {"-D", "w", "-A", "0", "-L", "0x200", "-B", "absent.bin"}, "Failed to open file: absent.bin\n"},
@@ -102,9 +99,7 @@ TEST(FlashDebugEndToEnd, DeviceThatCannotBeOpenedFailsAtOnce)
 {
     TempDir dir;
     std::vector<std::string> args = {"-D", "r", "-A", "0", "-L", "0x200", "-c", dir.File("no-such-tty")};
-    ProcessOptions how;
-    how.cwd = dir.Path();
-    ProcessResult r = RunProcess(ToolPath(), args, how);
+    ProcessResult r = RunProcess(ToolPath(), args, {dir.Path()});
     EXPECT_EQ(255, r.exitStatus) << r.out;
     EXPECT_TRUE(Has(r.out, "Open uart error!\n")) << r.out;
 
@@ -114,23 +109,10 @@ TEST(FlashDebugEndToEnd, DeviceThatCannotBeOpenedFailsAtOnce)
     std::string path = sim.DevicePath();
     ASSERT_EQ(0, holder.Uart_Init(&path[0], 115200));
     args.back() = path;
-    r = RunProcess(ToolPath(), args, how);
+    r = RunProcess(ToolPath(), args, {dir.Path()});
     holder.UART_Close();
     EXPECT_EQ(255, r.exitStatus) << r.out;
     EXPECT_TRUE(Has(r.out, "ERR: can't open serial port:" + path + "!\r\nOpen uart error!\n")) << r.out;
-}
-
-// Called in-process: the command line cannot produce these codes.
-TEST(FlashDebugEndToEnd, OperationCodesOutsideTheTable)
-{
-    EXPECT_EQ("Invalid operation code:7\n",
-              CapturedStdout([] { EXPECT_EQ(-1, FlashOperate(7, 0, 0x200, nullptr)); }));
-    SimProcess sim({"--rom-flash", "yes"});
-    ASSERT_TRUE(sim.Started());
-    g_flashHost.SetComNum(sim.DevicePath());
-    g_flashHost.SetBaud(921600);
-    EXPECT_EQ("Debug op:reserve\nAddress:0x00001000\nLength:0x00000200\nInvalid operation code:0\n",
-              CapturedStdout([] { EXPECT_EQ(0, FlashOperate(0, 0x1000, 0x200, nullptr)); }));
 }
 
 }  // namespace

@@ -142,20 +142,6 @@ TEST(UpgradeRun, StopTypedWhileConnectingIsSeenAfterOpenUart)
     }
 }
 
-// The run ends on its own while the console thread still waits for a line.
-TEST(UpgradeRun, OtherConsoleLinesAreEchoedAndDoNotStop)
-{
-    UpgradeBench bench;
-    const Bytes image = MainImageOfSize(3000, 7);
-    bench.WriteFile("main.img", image);
-    ProcessResult run = bench.Run({"-i", "main.img", "-u", "0"}, {}, "Stop\n stop\n", true);
-    ASSERT_EQ(run.exitStatus, 0);
-    EXPECT_TRUE(Has(run.out, "Data:Stop\nTIP:Input 'stop' to stop upgrading.\n")) << run.out;
-    EXPECT_TRUE(Has(run.out, "Data: stop\nTIP:Input 'stop' to stop upgrading.\n"));
-    EXPECT_TRUE(Has(run.out, "100%: Upgrade OK!"));
-    EXPECT_EQ(FirstDifference(bench.Flash(), ExpectedAfterMainImage(bench.InitialFlash(), image)), -1);
-}
-
 TEST(UpgradeRun, ImageProblemsEndTheRunBeforeAnyConnection)
 {
     const struct {
