@@ -139,7 +139,7 @@ TEST_F(DriverCli, CombineThatCannotWriteLeavesNoPartialImage)
     EXPECT_NE(0, access(dir.File("out.cimg").c_str(), F_OK));
 }
 
-TEST_F(DriverCli, InformationReport)
+TEST_F(DriverCli, InformationReportShowsBothImagesAndIgnoresLaterOptions)
 {
     ImageSpec spec;
     spec.sections.resize(2);

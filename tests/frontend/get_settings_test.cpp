@@ -30,7 +30,7 @@ struct StringCase {
     std::string value;
 };
 
-TEST(GetProfileString, LineRules)
+TEST(GetProfileString, LookupFollowsTheLineRules)
 {
     const std::string key31(31, 'k'), key32(32, 'k'), sect29(29, 's'), sect30(30, 's');
     const StringCase cases[] = {

@@ -51,7 +51,7 @@ TEST_F(FwParserTest, DamageIsFoundAtItsSection)
     }
 }
 
-TEST_F(FwParserTest, DataSizesAroundTheReadPiece)
+TEST_F(FwParserTest, DataOfEverySizeAroundTheReadPieceIsChecked)
 {
     std::vector<uint8_t> empty = SectionBytes({}, kLastSection);
     EXPECT_EQ(0, ParseBytes(empty));
@@ -68,7 +68,7 @@ TEST_F(FwParserTest, DataSizesAroundTheReadPiece)
     }
 }
 
-TEST_F(FwParserTest, ChainOrderAndTableLimit)
+TEST_F(FwParserTest, SectionsAreTakenInChainOrderUpToOneHundred)
 {
     std::vector<uint8_t> image;
     PlaceAt(image, 0, SectionBytes({1, 2}, 500, 0xA));
@@ -137,7 +137,7 @@ TEST_F(FwParserTest, CombinedImageChainHoldsTheMainPartOnly)
     EXPECT_EQ(mainLength, ImageSectionsLength(parser));
 }
 
-TEST_F(FwParserTest, ReportRows)
+TEST_F(FwParserTest, ReportHasARowOfFieldsPerSection)
 {
     ImageSpec spec;
     spec.version = 0xFFFFFFFE;  // printed as a signed number

@@ -33,7 +33,7 @@ TEST(BlockPercent, FollowsTheProgressNumbering)
     }
 }
 
-TEST(GenerateOtaBuf, SlotCountForAreaSize)
+TEST(GenerateOtaBuf, SlotCountGrowsWithTheAreaUpTo1024)
 {
     const struct {
         unsigned int size, slots;
@@ -45,7 +45,7 @@ TEST(GenerateOtaBuf, SlotCountForAreaSize)
         EXPECT_EQ(GenerateOtaBuf(c.size), c.slots) << "size " << c.size;
 }
 
-TEST(GenerateOtaBuf, HeaderBytes)
+TEST(GenerateOtaBuf, HeaderHoldsMagicSlotCountFreeSlotsAndTrailer)
 {
     ASSERT_EQ(GenerateOtaBuf(32768), 993u);
     Bytes expected(kOtaHeaderSize, 0xFF);
@@ -62,7 +62,7 @@ TEST(GenerateOtaBuf, HeaderBytes)
     EXPECT_EQ(Bytes(OtaBuf + 8, OtaBuf + kOtaHeaderSize), Bytes(expected.begin() + 8, expected.end()));
 }
 
-TEST(OtaArea, DerivedValues)
+TEST(OtaArea, LayoutFollowsFromAddressAndSizeWord)
 {
     const struct {
         uint32_t address, sizeWord;
