@@ -124,6 +124,7 @@ const char* const kLongOptionLines[] = {
     "kestrelQT_u --json  (JSON lines on standard output, text on standard error; implies --exit-code)",
     "kestrelQT_u --list-ports  (serial ports with USB vendor:product, serial number, driver, by-id name)",
 };
+const int kLongOptionLineCount = sizeof kLongOptionLines / sizeof kLongOptionLines[0];
 
 const char* PortListSysRoot()
 {
@@ -134,7 +135,6 @@ const char* PortListDevRoot()
 {
     return g_devRoot.c_str();
 }
-const int kLongOptionLineCount = sizeof kLongOptionLines / sizeof kLongOptionLines[0];
 
 // A '?' from getopt is either the -? option or a refusal. A refused letter, or a
 // missing argument, leaves the letter in optopt; -? and an unknown long option

@@ -1,5 +1,4 @@
 #include "upgrade/ota_area.h"
-#include "upgrade/old_block.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -8,6 +7,7 @@
 
 #include "flashhost/CFlashHost.h"
 #include "upgrade/UpGrade.h"
+#include "upgrade/old_block.h"
 
 namespace {
 

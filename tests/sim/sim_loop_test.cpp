@@ -9,7 +9,6 @@
 
 #include "serial/CCommU.h"
 #include "tests/support/process.h"
-#include "tests/support/serial_fixtures.h"
 
 namespace {
 

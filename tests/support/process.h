@@ -2,10 +2,12 @@
 // simulated target.
 #pragma once
 #include <cstdint>
-#include <utility>
 #include <string>
 #include <sys/types.h>
+#include <utility>
 #include <vector>
+
+typedef std::vector<unsigned char> Bytes;
 
 struct ProcessResult {
     int exitStatus = -1;   // the exit code, or -1 when the process did not exit normally
@@ -91,4 +93,4 @@ private:
 };
 
 // Deterministic filler that differs from the erased value almost everywhere.
-std::vector<unsigned char> PatternBytes(size_t count, uint32_t seed);
+Bytes PatternBytes(size_t count, uint32_t seed);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <sstream>
@@ -9,24 +10,18 @@
 #include "sim/frame_codec.h"
 #include "sim/sim_loop.h"
 #include "sim/trace_log.h"
-#include "tests/support/serial_fixtures.h"
+#include "sim/wire_bytes.h"
 
 namespace {
 
 const size_t kFrameHeader = 12;
-
-uint32_t LoadBe32At(const Bytes& b, size_t at)
-{
-    return (uint32_t(b[at]) << 24) | (uint32_t(b[at + 1]) << 16) | (uint32_t(b[at + 2]) << 8) |
-           b[at + 3];
-}
 
 }  // namespace
 
 uint32_t SimCommand::Param32(size_t offset) const
 {
     size_t at = kFrameHeader + 1 + offset;
-    return frame.size() >= at + 4 ? LoadBe32At(frame, at) : 0xFFFFFFFFu;
+    return frame.size() >= at + 4 ? ksim::LoadBe32(&frame[at]) : 0xFFFFFFFFu;
 }
 
 SimLink::SimLink(const ksim::TargetConfig& config)
@@ -135,8 +130,7 @@ Bytes MakeReply(unsigned char flags, const Bytes& payload)
     // The checksum covers the header with its length little-endian and itself zero.
     Bytes hostOrder = reply;
     hostOrder[6] = hostOrder[7] = 0;
-    std::swap(hostOrder[8], hostOrder[11]);
-    std::swap(hostOrder[9], hostOrder[10]);
+    std::reverse(hostOrder.begin() + 8, hostOrder.begin() + 12);
     uint16_t sum = ksim::DataChecksum(hostOrder.data(), hostOrder.size());
     reply[6] = static_cast<unsigned char>(sum >> 8);
     reply[7] = static_cast<unsigned char>(sum);

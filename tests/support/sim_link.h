@@ -12,8 +12,6 @@
 #include "sim/sim_target.h"
 #include "tests/support/process.h"
 
-typedef std::vector<unsigned char> Bytes;
-
 struct SimCommand {
     std::string baud;  // the line speed it came at, as the trace writes it
     Bytes frame;  // as it came over the line

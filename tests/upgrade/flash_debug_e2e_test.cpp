@@ -7,7 +7,6 @@
 #include <functional>
 
 #include "serial/CCommU.h"
-#include "tests/support/serial_fixtures.h"
 #include "tests/upgrade/upgrade_fixtures.h"
 
 namespace {

@@ -9,8 +9,6 @@
 #include "tests/support/process.h"
 #include "tools/image_builder.h"
 
-using Bytes = std::vector<uint8_t>;
-
 constexpr uint32_t kFlashSize = 4u << 20;  // the simulator's default flash
 constexpr uint32_t kBlock = 65536;
 
