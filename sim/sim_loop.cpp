@@ -132,11 +132,8 @@ void SimLoop::ReleaseReceived(int64_t nowUs)
         PendingRx front = std::move(m_rx.front());
         m_rx.pop_front();
         if (front.lineChange) {
-            // A chip put into reset sends nothing more; what it had not sent is lost.
-            if (m_target.SetModemLines(front.lines) && !m_tx.empty()) {
-                m_trace.Event("reset lost " + std::to_string(m_tx.size()) + " replies");
-                m_tx.clear();
-            }
+            if (m_target.SetModemLines(front.lines))
+                ForgetUnsentReplies(nowUs);
             continue;
         }
         std::vector<Reply> replies;
@@ -148,6 +145,25 @@ void SimLoop::ReleaseReceived(int64_t nowUs)
             m_trace.Event("clean rate max " + std::to_string(cleanRateMax));
         }
     }
+}
+
+// The chip went into reset. Replies it had not finished sending are lost; those
+// already through the line reach the host, but what they would have set off (a new
+// speed, the boot-loader) no longer happens: the chip has started over.
+void SimLoop::ForgetUnsentReplies(int64_t nowUs)
+{
+    size_t lost = 0;
+    for (auto it = m_tx.begin(); it != m_tx.end();) {
+        it->reply.after = AfterReply::Nothing;
+        if (m_config.pace && it->readyUs - m_config.replyLatencyUs > nowUs) {
+            it = m_tx.erase(it);
+            ++lost;
+        } else {
+            ++it;
+        }
+    }
+    if (lost > 0)
+        m_trace.Event("reset lost " + std::to_string(lost) + " replies");
 }
 
 void SimLoop::QueueReplies(std::vector<Reply>& replies, int64_t nowUs)

@@ -54,6 +54,7 @@ private:
     bool ReadHost(int64_t nowUs);
     void ReleaseReceived(int64_t nowUs);
     void QueueReplies(std::vector<Reply>& replies, int64_t nowUs);
+    void ForgetUnsentReplies(int64_t nowUs);
     // Writes what is due; true while the pty cannot take more.
     bool WriteDue(int64_t nowUs);
     bool CountCloses();

@@ -62,8 +62,7 @@ public:
     int64_t QuietDeadlineUs() const { return m_receiver.QuietDeadlineUs(); }
     // Called once the last byte of `reply` has been handed to the line.
     void ReplySent(const Reply& reply);
-    // The host changed its modem lines. True when this put the chip into reset, so
-    // that replies not yet on the line are lost.
+    // The host changed its modem lines. True when this put the chip into reset.
     bool SetModemLines(const ModemLines& lines);
     // A degrade fault fired since the last call: the line's new clean rate limit.
     bool TakeCleanRateChange(uint32_t& rate) { return m_faults.TakeDegrade(rate); }
