@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <string>
 #include <ctime>
+#include <string>
 #include <poll.h>
 #include <unistd.h>
 
