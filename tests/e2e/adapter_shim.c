@@ -28,22 +28,24 @@
  *   variable these ioctls go to the pty unchanged.
  *
  * KESTREL_SHIM_MAX_RATE=N: an adapter that refuses rates above N bit/s
- *   tcsetattr() on a terminal whose input or output speed is above N fails with
- *   EINVAL and changes nothing; so do ioctl TCSETS/TCSETSW/TCSETSF with such a speed
- *   and, on Linux, TCSETS2/TCSETSW2/TCSETSF2 (including BOTHER with c_ospeed).
- *   cfsetispeed/cfsetospeed/cfsetspeed only fill in the structure and still succeed.
+ *   tcsetattr() with an input or output speed above N fails with EINVAL and changes
+ *   nothing, as the tool sets its rates with tcsetattr. cfsetispeed, cfsetospeed and
+ *   cfsetspeed only fill in the structure and still succeed; the TCSETS ioctls are
+ *   not looked at.
  *
  * KESTREL_SHIM_SYSFS_ROOT=DIR: a made-up adapter in a fake sysfs and /dev
  *   Paths are looked up under DIR instead when they are "/sys" or below it, "/dev"
  *   itself (so listing /dev shows DIR/dev), "/dev/serial" or below it, or begin with
  *   "/dev/ttyUSB" or "/dev/ttyACM". Redirected calls: open, open64, openat and
  *   openat64 with an absolute path, fopen, fopen64, opendir, readlink, realpath,
- *   access, stat, lstat, stat64, lstat64, fstatat, fstatat64. realpath gives its
- *   answer without the DIR prefix ("/sys/devices/..."), so that the answer can be
- *   handed back in. A redirected /sys file opened for writing is truncated first, so
- *   that a write replaces the value as writing a sysfs attribute does. The tree is
- *   built by tests/support/fake_sysfs.h: DIR/dev/ttyUSB0 is a symlink to the
- *   simulator's pty, so opening "/dev/ttyUSB0" reaches the simulator.
+ *   access, stat, lstat, stat64, lstat64, fstatat, fstatat64. DIR is an absolute
+ *   path. realpath gives its answer without the DIR prefix ("/sys/devices/..."), so
+ *   that the answer can be handed back in, and it stops at the link that leaves the
+ *   tree, as at a device node: a /dev/serial/by-id link resolves to "/dev/ttyUSB0".
+ *   A redirected /sys file opened for writing is truncated first, so that a write
+ *   replaces the value as writing a sysfs attribute does. The tree is built by
+ *   tests/support/fake_sysfs.h: DIR/dev/ttyUSB0 is a symlink to the simulator's pty,
+ *   so opening "/dev/ttyUSB0" reaches the simulator.
  */
 #define _GNU_SOURCE
 #include <dirent.h>
@@ -237,33 +239,6 @@ int tcsetattr(int fd, int action, const struct termios* attributes)
     return REAL(tcsetattr)(fd, action, attributes);
 }
 
-#ifdef __linux__
-/* The kernel's own termios2 (asm-generic layout: x86, arm, riscv); the C library's
- * struct termios differs, and its headers cannot be mixed with the kernel's. */
-struct shim_termios2 {
-    unsigned int c_iflag, c_oflag, c_cflag, c_lflag;
-    unsigned char c_line;
-    unsigned char c_cc[19];
-    unsigned int c_ispeed, c_ospeed;
-};
-#define SHIM_CBAUD 0010017u
-#define SHIM_BOTHER 0010000u
-
-/* The output rate a TCSETS* or TCSETS2* request would set; 0 when it names none. */
-static unsigned long ioctl_rate(unsigned long request, const void* arg)
-{
-    const struct shim_termios2* t = arg;
-    int two = request == _IOW('T', 0x2B, struct shim_termios2) || request == _IOW('T', 0x2C, struct shim_termios2) ||
-              request == _IOW('T', 0x2D, struct shim_termios2);
-    if (!t || (!two && request != TCSETS && request != TCSETSW && request != TCSETSF))
-        return 0;
-    unsigned int code = t->c_cflag & SHIM_CBAUD;
-    if (code == SHIM_BOTHER)
-        return two ? t->c_ospeed : 0;
-    return rate_of((speed_t)code);
-}
-#endif
-
 int ioctl(int fd, unsigned long request, ...)
 {
     va_list args;
@@ -274,12 +249,6 @@ int ioctl(int fd, unsigned long request, ...)
     if (modem && *modem &&
         (request == TIOCMSET || request == TIOCMBIS || request == TIOCMBIC || request == TIOCMGET) && isatty(fd))
         return modem_ioctl(modem, request, arg);
-#ifdef __linux__
-    if (rate_refused(ioctl_rate(request, arg))) {
-        errno = EINVAL;
-        return -1;
-    }
-#endif
     return REAL(ioctl)(fd, request, arg);
 }
 

@@ -87,11 +87,8 @@ TEST(AdapterShim, AnAdapterRefusesRatesAboveItsLimitAndKeepsTheOldOne)
 {
     SimProcess sim({});
     ASSERT_TRUE(sim.Started());
-    EXPECT_EQ("open ok\nrate 921600 ok\nspeed 921600\nrate 3000000 failed: Invalid argument\nspeed 921600\n"
-              "rate2 2000000 failed: Invalid argument\nrate2 460800 ok\n",
-              Probe({"KESTREL_SHIM_MAX_RATE=921600"},
-                    {"open", sim.DevicePath(), "rate", "921600", "rate", "3000000", "rate2", "2000000", "rate2",
-                     "460800"}));
+    EXPECT_EQ("open ok\nrate 921600 ok\nspeed 921600\nrate 3000000 failed: Invalid argument\nspeed 921600\n",
+              Probe({"KESTREL_SHIM_MAX_RATE=921600"}, {"open", sim.DevicePath(), "rate", "921600", "rate", "3000000"}));
     EXPECT_EQ("open ok\nrate 3000000 ok\nspeed 3000000\n", Probe({}, {"open", sim.DevicePath(), "rate", "3000000"}));
 }
 

@@ -7,7 +7,6 @@
 //   sync               0x55, then up to 300 ms   -> "sync OK" / "sync none"
 //   send               0x55 alone; answer: the wait alone -> "answer OK" / "answer none"
 //   rate N             tcsetattr at N bit/s      -> "rate N ok" / "rate N failed: ..."
-//   rate2 N            ioctl TCSETS2 with BOTHER (Linux)
 //   ports              the tool's port list      -> "port PATH VID:PID DRIVER SERIAL BYID"
 //   realpath P         -> the resolved path
 //   write FILE TEXT    through an ofstream       read FILE  -> its first line
@@ -44,10 +43,7 @@ speed_t SpeedConstant(unsigned long rate)
 {
     switch (rate) {
     case 115200: return B115200;
-    case 460800: return B460800;
     case 921600: return B921600;
-    case 1000000: return B1000000;
-    case 2000000: return B2000000;
     case 3000000: return B3000000;
     }
     return B0;
@@ -58,7 +54,7 @@ unsigned long CurrentRate()
     termios t;
     if (tcgetattr(g_fd, &t) != 0)
         return 0;
-    for (unsigned long rate : {115200ul, 460800ul, 921600ul, 1000000ul, 2000000ul, 3000000ul})
+    for (unsigned long rate : {115200ul, 921600ul, 3000000ul})
         if (SpeedConstant(rate) == cfgetospeed(&t))
             return rate;
     return 0;
@@ -139,29 +135,6 @@ void Rate(const std::string& text)
     Say("speed " + std::to_string(CurrentRate()));
 }
 
-#ifdef __linux__
-// The kernel's termios2 (asm-generic layout), as a program that asks for any rate
-// with BOTHER would pass it.
-struct KernelTermios2 {
-    unsigned int c_iflag, c_oflag, c_cflag, c_lflag;
-    unsigned char c_line;
-    unsigned char c_cc[19];
-    unsigned int c_ispeed, c_ospeed;
-};
-
-void Rate2(const std::string& text)
-{
-    KernelTermios2 t;
-    if (ioctl(g_fd, _IOR('T', 0x2A, KernelTermios2), &t) != 0)
-        return Failed("rate2 " + text);
-    t.c_cflag = (t.c_cflag & ~0010017u) | 0010000u;
-    t.c_ospeed = t.c_ispeed = static_cast<unsigned int>(std::stoul(text));
-    if (ioctl(g_fd, _IOW('T', 0x2B, KernelTermios2), &t) != 0)
-        return Failed("rate2 " + text);
-    Say("rate2 " + text + " ok");
-}
-#endif
-
 void Ports()
 {
     for (const SerialPortInfo& port : ListSerialPorts())
@@ -220,10 +193,6 @@ int main(int argc, char** argv)
         }
         else if (step == "rate" && more)
             Rate(argv[++i]);
-#ifdef __linux__
-        else if (step == "rate2" && more)
-            Rate2(argv[++i]);
-#endif
         else if (step == "ports")
             Ports();
         else if (step == "realpath" && more)
