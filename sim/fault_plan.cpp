@@ -75,6 +75,15 @@ bool ParseKind(const std::string& kind, FaultSpec& spec)
     const std::string rawPrefix = "raw=";
     if (kind.compare(0, rawPrefix.size(), rawPrefix) == 0)
         return ParseRaw(kind.substr(rawPrefix.size()), spec);
+    const std::string degradePrefix = "degrade=";
+    if (kind.compare(0, degradePrefix.size(), degradePrefix) == 0) {
+        unsigned long rate = 0;
+        if (!ParseUnsigned(kind.substr(degradePrefix.size()), 10, 0xFFFFFFFFul, rate))
+            return false;
+        spec.kind = FaultKind::Degrade;
+        spec.cleanRateMax = static_cast<uint32_t>(rate);
+        return true;
+    }
     static const struct {
         const char* name;
         FaultKind kind;
@@ -161,6 +170,7 @@ bool FaultPlan::Add(const std::string& text, std::string& error)
 const FaultSpec* FaultPlan::Match(uint8_t opcode, uint32_t baud)
 {
     const FaultSpec* fired = nullptr;
+    m_firedDegrade = nullptr;
     for (FaultSpec& spec : m_specs) {
         if (spec.opcode >= 0 && spec.opcode != opcode)
             continue;
@@ -169,10 +179,28 @@ const FaultSpec* FaultPlan::Match(uint8_t opcode, uint32_t baud)
             continue;
         if (spec.seen < 0xFFFFFFFFu)
             ++spec.seen;
-        if (!fired && Fires(spec))
+        if (!Fires(spec))
+            continue;
+        if (spec.kind == FaultKind::Degrade) {
+            if (!m_firedDegrade) {
+                m_firedDegrade = &spec;
+                m_degradePending = true;
+                m_degradeTo = spec.cleanRateMax;
+            }
+        } else if (!fired) {
             fired = &spec;
+        }
     }
     return fired;
+}
+
+bool FaultPlan::TakeDegrade(uint32_t& cleanRateMax)
+{
+    if (!m_degradePending)
+        return false;
+    m_degradePending = false;
+    cleanRateMax = m_degradeTo;
+    return true;
 }
 
 }  // namespace ksim

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "sim/fault_plan.h"
+#include "sim/modem_channel.h"
 #include "sim/nor_flash.h"
 #include "sim/pty_device.h"
 #include "sim/sim_loop.h"
@@ -28,6 +29,8 @@ ksim::TargetConfig MakeTargetConfig(const ksim::SimOptions& options)
     config.romServesFlash = options.RomServesFlash();
     config.startAsFirmware = options.firmware;
     config.syncFailCount = options.syncFail;
+    config.board.wiring = options.wiring;
+    config.board.activeHigh = options.lineActiveHigh == 1;
     if (options.pace) {
         config.eraseUs = static_cast<int64_t>(options.eraseMs) * 1000;
         config.programUs = static_cast<int64_t>(options.programMs) * 1000;
@@ -80,13 +83,22 @@ int main(int argc, char** argv)
     if (!options.linkPath.empty() && !pty.Link(options.linkPath, error))
         return Fail(error);
 
+    ksim::ModemChannel modem;
+    if (!options.modemChannelPath.empty() && !modem.Open(options.modemChannelPath, error))
+        return Fail(error);
+
     std::printf("%s\n", pty.SlavePath().c_str());
     std::fflush(stdout);
 
     ksim::SimTarget target(MakeTargetConfig(options), flash, faults, trace);
-    ksim::SimLoop loop(pty, target, trace, options.pace, options.sessions,
-                       static_cast<int64_t>(options.usbLatencyMs) * 1000);
+    ksim::LoopConfig loopConfig;
+    loopConfig.pace = options.pace;
+    loopConfig.sessions = options.sessions;
+    loopConfig.replyLatencyUs = static_cast<int64_t>(options.usbLatencyMs) * 1000;
+    loopConfig.noise = ksim::LineNoise(options.cleanRateMax, options.bitErrorRate, options.seed);
+    ksim::SimLoop loop(pty, target, trace, loopConfig, &modem);
     int status = loop.Run(ksim::StopSignalFd());
+    modem.Close();
     pty.Close();
     trace.Event("exit");
     PrintEraseCounts(flash);

@@ -1,5 +1,6 @@
 #include "sim/sim_options.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <getopt.h>
 
@@ -11,7 +12,8 @@ enum OptionId {
     kOptFlash = 1000, kOptFlashSize, kOptLink, kOptTrace, kOptResponder, kOptFlashId,
     kOptRomFlash, kOptFirmware, kOptPace, kOptEraseMs, kOptProgramMs,
     kOptUsbLatencyMs, kOptSyncFail,
-    kOptSessions, kOptFault, kOptHelp,
+    kOptSessions, kOptFault, kOptWiring, kOptLineActive, kOptModemChannel, kOptCleanRateMax,
+    kOptBitErrorRate, kOptSeed, kOptHelp,
 };
 
 const option kLongOptions[] = {
@@ -30,6 +32,12 @@ const option kLongOptions[] = {
     {"sync-fail", required_argument, nullptr, kOptSyncFail},
     {"sessions", required_argument, nullptr, kOptSessions},
     {"fault", required_argument, nullptr, kOptFault},
+    {"wiring", required_argument, nullptr, kOptWiring},
+    {"line-active", required_argument, nullptr, kOptLineActive},
+    {"modem-channel", required_argument, nullptr, kOptModemChannel},
+    {"clean-rate-max", required_argument, nullptr, kOptCleanRateMax},
+    {"bit-error-rate", required_argument, nullptr, kOptBitErrorRate},
+    {"seed", required_argument, nullptr, kOptSeed},
     {"help", no_argument, nullptr, kOptHelp},
     {nullptr, 0, nullptr, 0},
 };
@@ -54,6 +62,32 @@ bool ParseNamedNumber(const char* name, const char* text, unsigned long max, uin
         return true;
     error = std::string("bad ") + name + " value: " + text;
     return false;
+}
+
+// A probability per bit: a whole-string number from 0 to 1 ("1e-3" and "0.001" alike).
+bool ParseProbability(const char* text, double& value)
+{
+    if (!text || !*text || *text == ' ')
+        return false;
+    char* end = nullptr;
+    double parsed = std::strtod(text, &end);
+    if (*end != '\0' || !(parsed >= 0.0 && parsed <= 1.0))
+        return false;
+    value = parsed;
+    return true;
+}
+
+bool ParseSeed(const char* text, uint64_t& value)
+{
+    if (!text || !*text || *text == '-' || *text == '+' || *text == ' ')
+        return false;
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long parsed = std::strtoull(text, &end, 0);
+    if (*end != '\0' || errno == ERANGE)
+        return false;
+    value = parsed;
+    return true;
 }
 
 int HexDigit(char c)
@@ -122,6 +156,32 @@ bool ApplyOption(int id, const char* arg, SimOptions& options, std::string& erro
         return ParseNamedNumber("--usb-latency-ms", arg, 1000, options.usbLatencyMs, error);
     case kOptSyncFail: return ParseNamedNumber("--sync-fail", arg, 0xFFFFFFFFul, options.syncFail, error);
     case kOptSessions: return ParseNamedNumber("--sessions", arg, 0xFFFFFFFFul, options.sessions, error);
+    case kOptModemChannel: options.modemChannelPath = arg; return true;
+    case kOptWiring:
+        if (ParseWiring(arg, options.wiring))
+            return true;
+        error = "bad --wiring (two-transistor-rts-reset, two-transistor-dtr-reset, direct-rts-reset "
+                "or direct-dtr-reset)";
+        return false;
+    case kOptLineActive:
+        if (std::string(arg) == "low" || std::string(arg) == "high") {
+            options.lineActiveHigh = std::string(arg) == "high" ? 1 : 0;
+            return true;
+        }
+        error = "bad --line-active (low or high)";
+        return false;
+    case kOptCleanRateMax:
+        return ParseNamedNumber("--clean-rate-max", arg, 0xFFFFFFFFul, options.cleanRateMax, error);
+    case kOptBitErrorRate:
+        if (ParseProbability(arg, options.bitErrorRate))
+            return true;
+        error = std::string("bad --bit-error-rate value (0 to 1): ") + arg;
+        return false;
+    case kOptSeed:
+        if (ParseSeed(arg, options.seed))
+            return true;
+        error = std::string("bad --seed value: ") + arg;
+        return false;
     }
     error = "unknown option";
     return false;
@@ -146,6 +206,11 @@ bool ParseSimOptions(int argc, char** argv, SimOptions& options, std::string& er
         error = std::string("unexpected argument: ") + argv[optind];
         return false;
     }
+    if (options.lineActiveHigh >= 0 && options.wiring != Wiring::DirectRtsReset &&
+        options.wiring != Wiring::DirectDtrReset) {
+        error = "--line-active applies to the direct wirings only";
+        return false;
+    }
     return true;
 }
 
@@ -166,7 +231,14 @@ const char* SimUsage()
            "  --usb-latency-ms N  hold every reply N ms, as an adapter's latency timer does\n"
            "  --sync-fail N       leave the first N sync bytes unanswered\n"
            "  --sessions N        exit after the host closed the device N times\n"
-           "  --fault SPEC        WHAT:WHEN:KIND[@BAUD], repeatable (see sim/README.md)\n";
+           "  --fault SPEC        WHAT:WHEN:KIND[@BAUD], repeatable (see sim/README.md)\n"
+           "  --wiring W          modem lines to reset and boot strap: two-transistor-rts-reset,\n"
+           "                      two-transistor-dtr-reset, direct-rts-reset, direct-dtr-reset\n"
+           "  --line-active L     direct wirings: pins active low (default) or high\n"
+           "  --modem-channel P   listen on socket P for the host's modem line changes\n"
+           "  --clean-rate-max N  above N bit/s flip bits at --bit-error-rate\n"
+           "  --bit-error-rate P  per bit (default 1e-3)\n"
+           "  --seed S            seed of the bit errors (default 1)\n";
 }
 
 }  // namespace ksim

@@ -5,6 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "sim/board_wiring.h"
+#include "sim/line_noise.h"
+
 namespace ksim {
 
 // The identifier a GetFlashId reply carries unless --flash-id says otherwise.
@@ -26,6 +29,12 @@ struct SimOptions {
     uint32_t syncFail = 0;
     uint32_t sessions = 0;
     std::vector<std::string> faults;
+    Wiring wiring = Wiring::None;
+    int lineActiveHigh = -1;               // -1: not given (low)
+    std::string modemChannelPath;
+    uint32_t cleanRateMax = LineNoise::kNoLimit;
+    double bitErrorRate = LineNoise::kDefaultBitErrorRate;
+    uint64_t seed = 1;
     bool help = false;
 
     // Whether the boot ROM serves the flash commands: --rom-flash, or by default

@@ -26,14 +26,59 @@ const uint8_t kSyncAnswer[] = {0x4F, 0x4B};
 SimTarget::SimTarget(const TargetConfig& config, NorFlash& flash, FaultPlan& faults, TraceLog& trace)
     : m_config(config), m_flash(flash), m_faults(faults), m_trace(trace)
 {
-    m_mode = config.startAsFirmware ? TargetMode::Firmware : TargetMode::BootRom;
-    Event(m_mode == TargetMode::Firmware ? "firmware running" : "boot rom started");
+    if (m_config.board.Wired())
+        m_mode = m_config.board.Pins(m_lines).resetHeld ? TargetMode::Reset : ModeAfterReset();
+    else
+        m_mode = config.startAsFirmware ? TargetMode::Firmware : TargetMode::BootRom;
+    Event(m_mode == TargetMode::Reset      ? "reset held"
+          : m_mode == TargetMode::Firmware ? "firmware running"
+                                           : "boot rom started");
+}
+
+TargetMode SimTarget::ModeAfterReset() const
+{
+    // Without wired lines the strap cannot be seen: a reboot comes back in the boot
+    // ROM, as it always has.
+    if (!m_config.board.Wired())
+        return TargetMode::BootRom;
+    return m_config.board.Pins(m_lines).bootStrapHeld ? TargetMode::BootRom : TargetMode::Firmware;
+}
+
+void SimTarget::Restart(TargetMode mode)
+{
+    m_mode = mode;
+    m_speed = kResetBaud;
+    m_receiver.Reset();
+    m_inDataPhase = false;
+    m_upgradeMatched = 0;
+}
+
+bool SimTarget::SetModemLines(const ModemLines& lines)
+{
+    m_lines = lines;
+    Event(std::string("modem dtr=") + (lines.dtr ? "1" : "0") + " rts=" + (lines.rts ? "1" : "0"));
+    bool held = m_config.board.Pins(lines).resetHeld;
+    if (held && m_mode != TargetMode::Reset) {
+        Restart(TargetMode::Reset);
+        Event("reset held");
+        return true;
+    }
+    if (!held && m_mode == TargetMode::Reset) {
+        // The boot strap counts only at the moment reset lets go.
+        Restart(ModeAfterReset());
+        Event(m_mode == TargetMode::BootRom ? "reset boot-rom" : "reset firmware");
+    }
+    return false;
 }
 
 void SimTarget::Receive(const uint8_t* data, size_t n, int64_t nowUs, std::vector<Reply>& out)
 {
     if (m_vanished)
         return;
+    if (m_mode == TargetMode::Reset) {
+        Event("reset held, ignored " + std::to_string(n) + " bytes");
+        return;
+    }
     if (m_mode == TargetMode::Firmware)
         ReceiveAsFirmware(data, n);
     if (n == 0)
@@ -46,6 +91,12 @@ void SimTarget::Receive(const uint8_t* data, size_t n, int64_t nowUs, std::vecto
 
 void SimTarget::ReceiveAsFirmware(const uint8_t*& data, size_t& n)
 {
+    // Firmware on a wired board leaves only through the reset pin.
+    if (!m_config.startAsFirmware) {
+        Event("firmware ignored " + std::to_string(n) + " bytes");
+        n = 0;
+        return;
+    }
     size_t used = 0;
     while (used < n && m_upgradeMatched < sizeof kUpgradeText) {
         uint8_t byte = data[used++];
@@ -136,6 +187,8 @@ void SimTarget::HandleFrame(const std::vector<uint8_t>& frame, int64_t nowUs, st
         return;
     }
     const FaultSpec* fault = m_faults.Match(op->code, m_speed);
+    if (const FaultSpec* degrade = m_faults.FiredDegrade())
+        Event("fault " + degrade->text + " on " + op->name);
     if (fault)
         Event("fault " + fault->text + " on " + op->name);
     // A fault that replaces the reply leaves the command undone; for a two-phase
@@ -261,11 +314,8 @@ void SimTarget::ReplySent(const Reply& reply)
         Event("bootloader started");
         break;
     case AfterReply::Reboot:
-        m_mode = TargetMode::BootRom;
-        m_speed = kResetBaud;
-        m_receiver.Reset();
-        m_inDataPhase = false;
-        Event("reboot, boot rom started");
+        Restart(ModeAfterReset());
+        Event(m_mode == TargetMode::BootRom ? "reboot, boot rom started" : "reboot, firmware running");
         break;
     }
     Event("baud " + std::to_string(m_speed));

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/board_wiring.h"
 #include "sim/fault_plan.h"
 #include "sim/frame_receiver.h"
 #include "sim/memory_model.h"
@@ -18,7 +19,8 @@ namespace ksim {
 
 constexpr uint32_t kResetBaud = 115200;
 
-enum class TargetMode { Firmware, BootRom, BootLoader };
+// Reset: the reset input is held, the chip does nothing until it is released.
+enum class TargetMode { Firmware, BootRom, BootLoader, Reset };
 
 // What happens once a reply has left the target completely.
 enum class AfterReply { Nothing, ChangeSpeed, StartBootLoader, Reboot };
@@ -37,7 +39,12 @@ struct TargetConfig {
     uint8_t responder = 1;
     std::vector<uint8_t> flashId = DefaultFlashId();
     bool romServesFlash = false;
+    // Power up as firmware that hands over to the boot ROM on "upgrade\n\0".
     bool startAsFirmware = false;
+    // With lines wired the chip powers up as firmware whatever startAsFirmware says
+    // (which then only decides whether the firmware heeds the upgrade text), and the
+    // boot ROM runs after a reset released while the boot strap is held.
+    BoardWiring board;
     uint32_t syncFailCount = 0;   // leading sync bytes left unanswered
     int64_t eraseUs = 0;          // time one block erase takes (0 when not pacing)
     int64_t programUs = 0;        // time programming one sector takes (0 when not pacing)
@@ -55,6 +62,10 @@ public:
     int64_t QuietDeadlineUs() const { return m_receiver.QuietDeadlineUs(); }
     // Called once the last byte of `reply` has been handed to the line.
     void ReplySent(const Reply& reply);
+    // The host changed its modem lines. True when this put the chip into reset.
+    bool SetModemLines(const ModemLines& lines);
+    // A degrade fault fired since the last call: the line's new clean rate limit.
+    bool TakeCleanRateChange(uint32_t& rate) { return m_faults.TakeDegrade(rate); }
 
     uint32_t LineSpeed() const { return m_speed; }
     TargetMode Mode() const { return m_mode; }
@@ -75,6 +86,10 @@ private:
     };
 
     void ReceiveAsFirmware(const uint8_t*& data, size_t& n);
+    // The chip starts afresh: boot ROM or firmware, at reset speed, nothing half received.
+    void Restart(TargetMode mode);
+    // What runs once reset is released (or at power-up, or after SysReboot).
+    TargetMode ModeAfterReset() const;
     void HandleItem(const RxItem& item, int64_t nowUs, std::vector<Reply>& out);
     void HandleSync(std::vector<Reply>& out);
     void HandleFrame(const std::vector<uint8_t>& frame, int64_t nowUs, std::vector<Reply>& out);
@@ -122,6 +137,7 @@ private:
     DataPhase m_data;
     Upload m_upload;
     bool m_vanished = false;
+    ModemLines m_lines;
 };
 
 // Flips one bit so that the change survives an AND into erased cells: the lowest set

@@ -311,6 +311,106 @@ TEST(SimLine, FirmwareIgnoresEverythingUntilTheUpgradeText)
     EXPECT_TRUE(chip.Send(GetFlashId()).Ack());
 }
 
+ksim::TargetConfig Wired(ksim::Wiring wiring, bool activeHigh = false, bool upgradeText = false)
+{
+    ksim::TargetConfig config;
+    config.board.wiring = wiring;
+    config.board.activeHigh = activeHigh;
+    config.startAsFirmware = upgradeText;
+    return config;
+}
+
+const ksim::ModemLines D0R0{false, false}, D1R0{true, false}, D0R1{false, true}, D1R1{true, true};
+
+// The boot strap counts only when reset lets go; lines that agree move neither pin
+// of the two-transistor circuit.
+TEST(SimWiring, LineSequencesLeaveTheChipInTheBootRomInFirmwareOrInReset)
+{
+    using W = ksim::Wiring;
+    using M = ksim::TargetMode;
+    const struct {
+        const char* name;
+        W wiring;
+        bool activeHigh;
+        std::vector<ksim::ModemLines> steps;
+        M mode;
+    } cases[] = {
+        {"rts reset, classic sequence", W::TwoTransistorRtsReset, false, {D0R1, D1R0, D0R0}, M::BootRom},
+        {"rts reset, inverted sequence", W::TwoTransistorRtsReset, false, {D1R0, D0R1, D0R0}, M::Firmware},
+        {"rts reset, strap let go first", W::TwoTransistorRtsReset, false, {D0R1, D0R0, D1R0}, M::Firmware},
+        {"rts reset, lines together", W::TwoTransistorRtsReset, false, {D1R1, D0R0, D1R1}, M::Firmware},
+        {"rts reset, held", W::TwoTransistorRtsReset, false, {D0R1}, M::Reset},
+        {"dtr reset, inverted sequence", W::TwoTransistorDtrReset, false, {D1R0, D0R1, D0R0}, M::BootRom},
+        {"dtr reset, classic sequence", W::TwoTransistorDtrReset, false, {D0R1, D1R0, D0R0}, M::Firmware},
+        {"direct rts reset", W::DirectRtsReset, false, {D1R1, D1R0}, M::BootRom},
+        {"direct rts reset, no strap", W::DirectRtsReset, false, {D0R1, D0R0}, M::Firmware},
+        {"direct dtr reset", W::DirectDtrReset, false, {D1R1, D0R1}, M::BootRom},
+        {"direct active high, power-up", W::DirectRtsReset, true, {}, M::Reset},
+        {"direct active high, reset line asserted", W::DirectRtsReset, true, {D0R1}, M::BootRom},
+        {"direct dtr reset active high, both asserted", W::DirectDtrReset, true, {D1R1}, M::Firmware},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Chip chip(Wired(c.wiring, c.activeHigh));
+        for (const ksim::ModemLines& lines : c.steps)
+            chip.Target().SetModemLines(lines);
+        EXPECT_EQ(c.mode, chip.Target().Mode());
+        EXPECT_EQ(c.mode == M::BootRom, chip.Sync());
+    }
+}
+
+TEST(SimWiring, ResetStartsTheChipOverAndRebootSamplesTheStrap)
+{
+    Chip chip(Wired(ksim::Wiring::TwoTransistorRtsReset));
+    EXPECT_TRUE(chip.Target().SetModemLines(D0R1));
+    EXPECT_FALSE(chip.Target().SetModemLines(D1R0));
+    ASSERT_TRUE(chip.Send(ChangeBaud(921600)).Ack());
+    Bytes image = BootLoaderImage();
+    ASSERT_TRUE(chip.Write(WriteMemory(0x00010000, 1024, DataSum(image)), image).Ack());
+    ASSERT_TRUE(chip.Send(Frame(0x13, {{0x00010101, 4}})).Ack());
+    ASSERT_EQ(ksim::TargetMode::BootLoader, chip.Target().Mode());
+    // Half a frame is forgotten with the rest (the GetFlashId below is answered).
+    const Bytes frame = GetFlashId();
+    EXPECT_TRUE(chip.Send(Bytes(frame.begin(), frame.begin() + 6)).bytes.empty());
+    EXPECT_TRUE(chip.Target().SetModemLines(D0R1));
+    EXPECT_FALSE(chip.Target().SetModemLines(D0R0));
+    EXPECT_EQ(ksim::TargetMode::Firmware, chip.Target().Mode());
+    EXPECT_EQ(115200u, chip.Target().LineSpeed());
+    EXPECT_FALSE(chip.Sync());
+
+    chip.Target().SetModemLines(D0R1);
+    chip.Target().SetModemLines(D1R0);
+    ASSERT_TRUE(chip.Send(GetFlashId()).Ack());
+    ASSERT_TRUE(chip.Send(Frame(0x12)).Ack());
+    EXPECT_EQ(ksim::TargetMode::BootRom, chip.Target().Mode()) << "strap held at the reboot";
+    chip.Target().SetModemLines(D0R0);
+    ASSERT_TRUE(chip.Send(Frame(0x12)).Ack());
+    EXPECT_EQ(ksim::TargetMode::Firmware, chip.Target().Mode());
+}
+
+TEST(SimWiring, FirmwareOnAWiredBoardHeedsTheUpgradeTextOnlyWhenAskedTo)
+{
+    const Bytes upgrade = {'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0x00};
+    for (bool upgradeText : {false, true}) {
+        Chip chip(Wired(ksim::Wiring::TwoTransistorRtsReset, false, upgradeText));
+        chip.Send(upgrade);
+        EXPECT_EQ(upgradeText, chip.Sync()) << upgradeText;
+    }
+}
+
+// The degrade fault works beside the others, and the line model takes its rate once.
+TEST(SimFaults, DegradeFiresBesideOtherFaultsAndHandsOverItsRateOnce)
+{
+    Chip chip(RomFlash(), {"ReadSector:2:degrade=460800", "ReadSector:2:error3"});
+    uint32_t rate = 0;
+    EXPECT_EQ(512u, chip.ReadSectors(0, 1).size());
+    EXPECT_FALSE(chip.Target().TakeCleanRateChange(rate));
+    EXPECT_EQ(3, chip.Send(ReadSector(0, 1)).ErrorType());
+    EXPECT_TRUE(chip.Target().TakeCleanRateChange(rate));
+    EXPECT_EQ(460800u, rate);
+    EXPECT_FALSE(chip.Target().TakeCleanRateChange(rate));
+}
+
 TEST(SimFaults, EachReplyFaultShowsOnTheWire)
 {
     const struct {
