@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <algorithm>
 #include <cstdio>
+#include <sys/stat.h>
 
 #include "common/run_event_names.h"
 #include "common/run_report.h"
@@ -12,6 +14,7 @@
 #include "tools/gang/board_events.h"
 #include "tools/gang/board_plan.h"
 #include "tools/gang/display.h"
+#include "tools/gang/gang_options.h"
 #include "tools/gang/scheduler.h"
 #include "tools/gang/tool_command.h"
 
@@ -168,14 +171,35 @@ TEST(GangCommand, InputsAreFoundFromTheGangsFolderAndEverySettingsLoadKeepsTheBo
         "-C", b + "/other.ini", "-i", b + "/tq-system.img", "-I", b + "/tq-system_etf.img", "-B", b + "/a.bin",
         "-c", "/dev/p", "-l", "/f/log.txt", "-G", "out.cimg", "-s", "-i", "x"};
     EXPECT_EQ(expected, command.For("/dev/p", "/f/log.txt"));
+    EXPECT_EQ(b + "/pty", command.For("pty", "/f/log.txt")[8]);
+}
 
+TEST(GangPlan, EachBoardHasAFolderUnderTheLogDirElseUnderTheReportsFolder)
+{
+    const struct {
+        const char* logDir;
+        const char* report;
+        const char* root;
+    } roots[] = {{"", "", "/here"}, {"", "out/r.json", "/here/out"}, {"", "/r.json", "/"}, {"logs", "out/r.json", "/here/logs"}};
+    for (const auto& r : roots) {
+        GangOptions options;
+        options.logDir = r.logDir;
+        options.report = r.report;
+        EXPECT_EQ(r.root, BoardsRoot(options, "/here")) << r.logDir << " " << r.report;
+    }
     // One folder per board, also when two ports give one name.
+    TempDir dir;
     std::vector<Board> boards;
     std::string why;
-    ASSERT_TRUE(PlanBoards({"/x/a b", "/x/a_b"}, dir.File("boards"), command, boards, why)) << why;
+    ASSERT_TRUE(PlanBoards({"/x/a b", "/x/a_b"}, dir.File("boards"), ToolCommand("tool", {}, dir.Path()), boards, why)) << why;
     EXPECT_EQ(dir.File("boards/x_a_b"), boards[0].folder);
     EXPECT_EQ(dir.File("boards/x_a_b-2"), boards[1].folder);
-    EXPECT_EQ(dir.File("boards/x_a_b-2/log.txt"), boards[1].command[10]);
+    for (const Board& board : boards) {
+        struct stat info;
+        EXPECT_TRUE(stat(board.folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) << board.folder;
+        const std::vector<std::string>& words = board.command;
+        EXPECT_NE(words.end(), std::find(words.begin(), words.end(), board.folder + "/log.txt"));
+    }
 }
 
 // The tool's JSON writer and the gang agree on every word.

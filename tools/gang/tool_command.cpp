@@ -70,7 +70,7 @@ std::vector<std::string> ToolCommand::For(const std::string& port, const std::st
 {
     std::vector<std::string> words;
     for (const auto& [slot, word] : m_words)
-        words.push_back(slot == Slot::kPort ? port : slot == Slot::kLog ? logFile : word);
+        words.push_back(slot == Slot::kPort ? Anchored(port, m_base) : slot == Slot::kLog ? logFile : word);
     return words;
 }
 

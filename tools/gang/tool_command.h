@@ -20,7 +20,7 @@ public:
     ToolCommand(const std::string& tool, const std::vector<std::string>& toolArgs, const std::string& base);
 
     // The words for one board: its port, its log and --json, the settings and
-    // input paths anchored, then the caller's words. Every settings load (-C
+    // input paths anchored (a relative port name too), then the caller's words. Every settings load (-C
     // reloads the whole record) is followed by the board's port and log again.
     std::vector<std::string> For(const std::string& port, const std::string& logFile) const;
 
