@@ -22,6 +22,7 @@ std::string GangPath() { return KESTREL_GANG_BIN; }
 
 const char kFakeTool[] = R"SH(#!/bin/sh
 # Stand-in for kestrelQT_u: the port (the last -c) says what to do.
+case " $* " in *" --list-ports "*) echo '{"event":"port","path":"/x/ok1","vid":"0403"}'; exit 0 ;; esac
 port=
 while [ $# -gt 0 ]; do [ "$1" = -c ] && port=$2; shift; done
 name=$(basename "$port")
@@ -103,8 +104,9 @@ protected:
 
 TEST_F(Gang, EveryBoardHasItsRowAndTheStatusIsZeroOnlyWhenAllSucceeded)
 {
-    ProcessResult all = RunProcess(GangPath(), Args({"/x/ok1", "/x/read1", "/x/read2"}));
+    ProcessResult all = RunProcess(GangPath(), Args({"auto", "/x/read1", "/x/read2"}));
     EXPECT_EQ(0, all.exitStatus) << all.out << all.err;
+    EXPECT_TRUE(Has(all.out, "/x/ok1: ok (exit 0)")) << all.out;  // "auto": the ports the tool lists
     // Each board writes its debug read file into its own folder.
     EXPECT_EQ("/x/read1", ReadText(dir.File("logs/x_read1/flash_A_0x0_L_0x200.bin")));
     EXPECT_EQ("/x/read2", ReadText(dir.File("logs/x_read2/flash_A_0x0_L_0x200.bin")));

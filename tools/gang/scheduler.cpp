@@ -115,9 +115,10 @@ bool ReadSome(Board& board, GangClock::time_point now)
         TakeOutput(board, buffer, static_cast<size_t>(got), now);
         return true;
     }
-    if (got == 0 || (errno != EAGAIN && errno != EINTR))
+    const int error = got < 0 ? errno : 0;
+    if (got == 0 || (error != EAGAIN && error != EINTR))
         board.child.out.Reset();
-    return got < 0 && errno == EINTR;
+    return error == EINTR;
 }
 
 // Step 3: waits for output from any board and takes one piece from each that has some.

@@ -25,7 +25,7 @@ struct GangRun {
     // first types "stop" on every board's console, each further one takes every
     // board still running one step further (SIGTERM, then SIGKILL) at once.
     const volatile sig_atomic_t* stopRequests = nullptr;
-    Display* display = nullptr;
+    Display* display = nullptr;          // required
 };
 
 // Runs every board to its end. True when every one of them succeeded.
