@@ -1,17 +1,18 @@
-// kestrel_gang against a stand-in tool (a shell script speaking the tool's JSON
-// lines) whose behaviour each port name chooses: success, failure, a crash, no
-// result line, or waiting at its console until "stop" arrives.
+// kestrel_gang as a program, against a stand-in tool (a shell script speaking the
+// tool's JSON lines) whose behaviour each port name chooses, and end to end with
+// the real tool on simulated boards.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
+#include "common/run_event_names.h"
 #include "tests/support/process.h"
 #include "tools/image_builder.h"
 
@@ -20,17 +21,22 @@ namespace {
 std::string GangPath() { return KESTREL_GANG_BIN; }
 
 const char kFakeTool[] = R"SH(#!/bin/sh
-# Stand-in for kestrelQT_u: the port (after -c) says what to do.
+# Stand-in for kestrelQT_u: the port (the last -c) says what to do.
+case " $* " in *" --list-ports "*) echo '{"event":"port","path":"/x/ok1","vid":"0403"}'; exit 0 ;; esac
 port=
 while [ $# -gt 0 ]; do [ "$1" = -c ] && port=$2; shift; done
-touch "$(dirname "$0")/started-$(basename "$port")"
+name=$(basename "$port")
+touch "$(dirname "$0")/started-$name"
 echo '{"event":"start","port":"'"$port"'","rate":921600,"images":["main.img"]}'
 echo 'not json at all'
-case $(basename "$port") in
+echo '{"event":"progress","region":7,"done":"x","total":null}'
+ok='{"event":"result","ok":true,"exit_code":0,"message":"Upgrade OK!","seconds":0.5,"bytes":100}'
+case $name in
+  okbad*) echo "$ok"; exit 5 ;;
   ok*) echo '{"event":"progress","region":"main","phase":"write","done":50,"total":100}'
        echo '{"event":"region","region":"main","bytes":100,"seconds":0.5,"kbytes_per_s":0.2}'
-       echo '{"event":"result","ok":true,"exit_code":0,"message":"Upgrade OK!","seconds":0.5,"bytes":100}'
-       exit 0 ;;
+       echo "$ok"; exit 0 ;;
+  read*) printf %s "$port" > flash_A_0x0_L_0x200.bin; echo "$ok"; exit 0 ;;
   fail*) echo '{"event":"result","ok":false,"exit_code":6,"message":"flash command failed","seconds":0.1,"bytes":0}'
        exit 6 ;;
   crash*) kill -SEGV $$ ;;
@@ -38,6 +44,7 @@ case $(basename "$port") in
   wait*) read line
        [ "$line" = stop ] && echo '{"event":"result","ok":false,"exit_code":8,"message":"stopped by the user","seconds":1,"bytes":0}'
        exit 8 ;;
+  deaf*) read line; touch "$(dirname "$0")/heard-$name"; sleep 30; exit 0 ;;
 esac
 )SH";
 
@@ -59,7 +66,36 @@ protected:
 
     nlohmann::json Report() { return nlohmann::json::parse(std::ifstream(report), nullptr, false); }
 
-    bool Started(const std::string& name) { return access(dir.File("started-" + name).c_str(), F_OK) == 0; }
+    bool Marked(const std::string& name) { return access(dir.File(name).c_str(), F_OK) == 0; }
+
+    bool WaitForMarks(const std::vector<std::string>& names)
+    {
+        for (int i = 0; i < 200; ++i) {
+            bool all = true;
+            for (const std::string& name : names)
+                all = all && Marked(name);
+            if (all)
+                return true;
+            usleep(25000);
+        }
+        return false;
+    }
+
+    // The gang in a process group of its own, as a shell starts a foreground job:
+    // a signal to that group is what a Ctrl-C typed at the terminal sends.
+    pid_t StartInItsOwnGroup(std::vector<std::string> args)
+    {
+        pid_t pid = fork();
+        if (pid == 0) {
+            setpgid(0, 0);
+            ArgList argList(args);
+            dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
+            execv(GangPath().c_str(), argList.argv());
+            _exit(127);
+        }
+        setpgid(pid, pid);
+        return pid;
+    }
 
     TempDir dir;
     std::string tool;
@@ -68,10 +104,20 @@ protected:
 
 TEST_F(Gang, EveryBoardHasItsRowAndTheStatusIsZeroOnlyWhenAllSucceeded)
 {
-    ProcessResult all = RunProcess(GangPath(), Args({"/x/ok1", "/x/ok2"}));
+    ProcessResult all = RunProcess(GangPath(), Args({"auto", "/x/read1", "/x/read2"}));
     EXPECT_EQ(0, all.exitStatus) << all.out << all.err;
+    EXPECT_TRUE(Has(all.out, "/x/ok1: ok (exit 0)")) << all.out;  // "auto": the ports the tool lists
+    // Each board writes its debug read file into its own folder.
+    EXPECT_EQ("/x/read1", ReadText(dir.File("logs/x_read1/flash_A_0x0_L_0x200.bin")));
+    EXPECT_EQ("/x/read2", ReadText(dir.File("logs/x_read2/flash_A_0x0_L_0x200.bin")));
+    EXPECT_EQ(0, access(dir.File("logs/x_ok1/stderr.txt").c_str(), F_OK));
 
-    ProcessResult mixed = RunProcess(GangPath(), Args({"/x/ok1", "/x/fail1", "/x/crash1", "/x/silent1"}));
+    // An exit status that contradicts the result line fails the board and the gang.
+    ProcessResult contradicted = RunProcess(GangPath(), Args({"/x/okbad1"}));
+    EXPECT_EQ(1, contradicted.exitStatus);
+    EXPECT_TRUE(Has(contradicted.out, "/x/okbad1: FAILED (exit 5)")) << contradicted.out;
+
+    ProcessResult mixed = RunProcess(GangPath(), Args({"/x/ok1", "/x/fail1", "/x/crash1", "/x/silent1", "/x/okbad1"}));
     EXPECT_EQ(1, mixed.exitStatus);
     nlohmann::json report = Report();
     ASSERT_FALSE(report.is_discarded());
@@ -84,9 +130,10 @@ TEST_F(Gang, EveryBoardHasItsRowAndTheStatusIsZeroOnlyWhenAllSucceeded)
     const Row rows[] = {{"/x/ok1", true, 0, "Upgrade OK!"},
                         {"/x/fail1", false, 6, "flash command failed"},
                         {"/x/crash1", false, 128 + SIGSEGV, "crashed (signal 11)"},
-                        {"/x/silent1", false, 3, "ended without a result line: lost the line"}};
-    ASSERT_EQ(4u, report["boards"].size());
-    for (size_t i = 0; i < 4; ++i) {
+                        {"/x/silent1", false, 3, "ended without a result line: lost the line"},
+                        {"/x/okbad1", false, 5, "Upgrade OK! (exit status 5 contradicts the result line)"}};
+    ASSERT_EQ(5u, report["boards"].size());
+    for (size_t i = 0; i < 5; ++i) {
         const nlohmann::json& board = report["boards"][i];
         EXPECT_EQ(rows[i].port, board["port"]);
         EXPECT_EQ(rows[i].ok, board["ok"]) << rows[i].port;
@@ -94,50 +141,71 @@ TEST_F(Gang, EveryBoardHasItsRowAndTheStatusIsZeroOnlyWhenAllSucceeded)
         EXPECT_EQ(rows[i].message, board["message"]) << rows[i].port;
     }
     EXPECT_EQ(100, report["boards"][0]["bytes"]);
-    // Each board has its own log files.
-    EXPECT_EQ(0, access(dir.File("logs/x_ok1.stderr").c_str(), F_OK));
-    EXPECT_EQ(0, access(dir.File("logs/x_fail1.stderr").c_str(), F_OK));
+    EXPECT_EQ(dir.File("logs/x_fail1"), report["boards"][1]["folder"]);
 }
 
 TEST_F(Gang, BadRequestsAreRefusedBeforeAnyBoardIsTouched)
 {
     ProcessResult twice = RunProcess(GangPath(), Args({"/x/ok1", "/x/ok1"}));
     EXPECT_EQ(2, twice.exitStatus);
-    EXPECT_NE(std::string::npos, twice.err.find("named twice")) << twice.err;
+    EXPECT_TRUE(Has(twice.err, "/x/ok1 is named twice")) << twice.err;
+    // The same device under a second name.
+    WriteText(dir.File("ok2"), "");
+    ASSERT_EQ(0, symlink(dir.File("ok2").c_str(), dir.File("ok3").c_str()));
+    ProcessResult linked = RunProcess(GangPath(), Args({dir.File("ok2"), dir.File("ok3")}));
+    EXPECT_EQ(2, linked.exitStatus);
+    EXPECT_TRUE(Has(linked.err, dir.File("ok3") + " is named twice (as " + dir.File("ok2") + ")")) << linked.err;
     report = dir.File("no-such-folder/report.json");
-    ProcessResult unwritable = RunProcess(GangPath(), Args({"/x/ok2"}));
+    ProcessResult unwritable = RunProcess(GangPath(), Args({"/x/ok4"}));
     EXPECT_EQ(2, unwritable.exitStatus);
-    EXPECT_FALSE(Started("ok1"));
-    EXPECT_FALSE(Started("ok2"));
+    for (const char* name : {"ok1", "ok2", "ok3", "ok4"})
+        EXPECT_FALSE(Marked(std::string("started-") + name)) << name;
+
+    ProcessResult help = RunProcess(GangPath(), {"--help"});
+    EXPECT_EQ(0, help.exitStatus);
+    EXPECT_TRUE(Has(help.out, "usage: kestrel_gang")) << help.out;
+    EXPECT_EQ("", help.err);
 }
 
-TEST_F(Gang, InterruptSendsStopToEveryConsoleAndWaitsForTheBoards)
+TEST_F(Gang, ACtrlCAtTheTerminalStopsEveryBoardInsteadOfKillingIt)
 {
-    pid_t pid = fork();
-    if (pid == 0) {
-        ArgList args(Args({"/x/wait1", "/x/wait2"}));
-        dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
-        execv(GangPath().c_str(), args.argv());
-        _exit(127);
-    }
-    for (int i = 0; i < 100 && !(Started("wait1") && Started("wait2")); ++i)
-        usleep(50000);
-    ASSERT_TRUE(Started("wait1") && Started("wait2"));
-    kill(pid, SIGINT);
+    pid_t pid = StartInItsOwnGroup(Args({"--jobs", "2", "/x/wait1", "/x/wait2", "/x/ok3"}));
+    ASSERT_TRUE(WaitForMarks({"started-wait1", "started-wait2"}));
+    kill(-pid, SIGINT);
     int status = 0;
     ASSERT_EQ(pid, waitpid(pid, &status, 0));
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(1, WEXITSTATUS(status));
     nlohmann::json report = Report();
-    ASSERT_EQ(2u, report["boards"].size());
-    for (const nlohmann::json& board : report["boards"]) {
-        EXPECT_EQ(8, board["exit_code"]);
-        EXPECT_EQ("stopped by the user", board["message"]);
+    ASSERT_EQ(3u, report["boards"].size());
+    const char* const messages[] = {"stopped by the user", "stopped by the user", "not started: stopped by the user"};
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(run_event::kExitStopped, report["boards"][i]["exit_code"]) << i;
+        EXPECT_EQ(messages[i], report["boards"][i]["message"]) << i;
     }
+    EXPECT_FALSE(Marked("started-ok3"));
+}
+
+TEST_F(Gang, ASecondCtrlCEndsABoardThatDoesNotAnswerStop)
+{
+    const auto began = std::chrono::steady_clock::now();
+    pid_t pid = StartInItsOwnGroup(Args({"/x/deaf1"}));
+    ASSERT_TRUE(WaitForMarks({"started-deaf1"}));
+    kill(-pid, SIGINT);
+    ASSERT_TRUE(WaitForMarks({"heard-deaf1"}));
+    kill(-pid, SIGINT);
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(10));
+    nlohmann::json board = Report()["boards"][0];
+    EXPECT_EQ(run_event::kExitStopped, board["exit_code"]);
+    EXPECT_EQ("stopped: no answer to stop, ended by signal 15", board["message"]);
 }
 
 // The real tool on three simulated boards, one of which never answers: two rows
 // succeed with the whole image, one fails with "no answer", and the gang fails.
+// The image and the settings are found from the gang's folder, though each
+// board runs in its own.
 TEST(GangEndToEnd, RealToolOnSimulatedBoardsOneOfThemDead)
 {
     TempDir dir;
