@@ -8,7 +8,7 @@
 #include "common/checksum16.h"
 #include "flashhost/CFlashHost.h"
 #include "flashhost/protocol.h"
-#include "frontend/Setting.h"
+#include "common/setting_record.h"
 
 using namespace protocol;
 

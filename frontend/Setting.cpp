@@ -1,4 +1,4 @@
-// The settings record and its loader.
+// The loader of the settings record: every key from the file, or its default.
 #include "frontend/Setting.h"
 
 #include <cstdio>
@@ -6,8 +6,6 @@
 #include <string>
 
 #include "frontend/get_settings.h"
-
-Setting g_Setting;
 
 namespace {
 
@@ -43,20 +41,6 @@ uint32_t LoadDebugOp(char* path)
 }
 
 }  // namespace
-
-uint32_t DebugOpFromText(const char* text)
-{
-    switch (text[0]) {
-    case 'r':
-        return kDebugRead;
-    case 'w':
-        return kDebugWrite;
-    case 'e':
-        return kDebugErase;
-    default:
-        return kDebugNone;
-    }
-}
 
 // Sectors per fast-link command: 1 to 15 (a reply buffer holds 15 sectors). A value
 // outside that range is reported on the error stream and the default (4, stored
@@ -102,14 +86,4 @@ void GetDefaultSettings(char* path)
     g_Setting.bFastLink = LoadFlag(path, "bFastLink", 0);
     g_Setting.bExitCode = LoadFlag(path, "bExitCode", 0);
     g_Setting.iSectorsPerCommand = LoadSectorsPerCommand(path);
-}
-
-// Longer text is cut at 259 characters so that the field stays terminated.
-void CopySettingText(char (&field)[kSettingTextSize], const char* text)
-{
-    std::memset(field, 0, kSettingTextSize);
-    size_t len = std::strlen(text);
-    if (len > kSettingTextSize - 1)
-        len = kSettingTextSize - 1;
-    std::memcpy(field, text, len);
 }

@@ -188,7 +188,7 @@ void PrintLongHelp()
 // --list-ports: a table, or one JSON object per port.
 void ListPorts(JsonSink* json)
 {
-    const std::vector<SerialPortInfo> ports = ListSerialPorts(PortListSysRoot(), PortListDevRoot());
+    const std::vector<SerialPortInfo> ports = ListSerialPorts();
     if (json) {
         for (const SerialPortInfo& p : ports)
             json->Port(p.path, p.vendor, p.product, p.serial, p.driver, p.byId);

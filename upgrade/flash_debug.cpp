@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "common/run_report.h"
+#include "common/setting_record.h"
 #include "common/stdio_file.h"
 #include "flashhost/CFlashHost.h"
 #include "upgrade/UpGrade.h"
@@ -16,9 +17,7 @@
 
 namespace {
 
-enum { kOpNone = 0, kOpRead = 1, kOpWrite = 2, kOpErase = 3, kOpCount = 4 };
-
-const char* const FlashDebugOp[kOpCount] = {"reserve", "read", "write", "erase"};
+const char* const FlashDebugOp[kDebugOperationCount] = {"reserve", "read", "write", "erase"};
 
 const unsigned int kBlockSize = kEraseBlockSize;  // one 64 KiB transfer buffer
 const unsigned char kErasedByte = 0xFF;
@@ -193,7 +192,7 @@ int EraseRange(unsigned int address, unsigned int length)
 
 int FlashOperate(unsigned int op, unsigned int address, unsigned int length, char* file)
 {
-    if (op >= kOpCount) {
+    if (op >= kDebugOperationCount) {
         printf("Invalid operation code:%d\n", static_cast<int>(op));
         return -1;
     }
@@ -210,14 +209,14 @@ int FlashOperate(unsigned int op, unsigned int address, unsigned int length, cha
         return -1;
     }
     switch (op) {
-    case kOpRead:
+    case kDebugRead:
         return ReadRange(address, length);
-    case kOpWrite:
+    case kDebugWrite:
         return WriteRange(address, length, file);
-    case kOpErase:
+    case kDebugErase:
         return EraseRange(address, length);
     default:
-        printf("Invalid operation code:%d\n", kOpNone);
+        printf("Invalid operation code:%d\n", static_cast<int>(kDebugNone));
         return CloseAndReturn(0);
     }
 }

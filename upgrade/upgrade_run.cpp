@@ -10,7 +10,7 @@
 #include "common/byte_order.h"
 #include "common/run_report.h"
 #include "flashhost/CFlashHost.h"
-#include "frontend/Setting.h"
+#include "common/setting_record.h"
 #include "image/FwParser.h"
 #include "image/image_format.h"
 #include "upgrade/UpGrade.h"

@@ -6,7 +6,7 @@
 
 #include "common/run_report.h"
 #include "flashhost/CFlashHost.h"
-#include "frontend/Setting.h"
+#include "common/setting_record.h"
 
 namespace {
 

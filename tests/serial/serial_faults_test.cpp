@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "serial/CCommU.h"
-#include "serial/memory_port.h"
+#include "tests/support/memory_port.h"
 #include "tests/support/process.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "serial/memory_port.h"
+#include "tests/support/memory_port.h"
 
 #include <algorithm>
 #include <cerrno>
