@@ -83,8 +83,7 @@ int CFlashHost::Write_8_byte(unsigned int address, unsigned char* value)
 int CFlashHost::ReadMemoryLen(unsigned int address, unsigned char* buffer, unsigned int count)
 {
     if (count > static_cast<unsigned int>(kMaxReplyPayload)) {
-        m_strMsg = kTextReadTooLong;
-        return -1;
+        return CommandFailed(kTextReadTooLong);
     }
     const FrameField fields[] = {{address, 4}, {count, 4}};
     unsigned int frameSize = BuildCommand(kReadMemoryLen, fields, 2);

@@ -65,20 +65,3 @@ void SummarySink::Region(const char* region, uint64_t bytes, double seconds)
     std::printf("%s\n", RegionSummary(region, bytes, seconds, m_lineRate).c_str());
     std::fflush(stdout);
 }
-
-const char* OutcomeName(run_report::Outcome outcome)
-{
-    using run_report::Outcome;
-    switch (outcome) {
-    case Outcome::kSuccess: return "success";
-    case Outcome::kUsage: return "usage error";
-    case Outcome::kImage: return "image error";
-    case Outcome::kPortOpen: return "port cannot be opened";
-    case Outcome::kNoAnswer: return "no answer from the target";
-    case Outcome::kFlashCommand: return "flash command failed";
-    case Outcome::kVerify: return "verify mismatch";
-    case Outcome::kStopped: return "stopped by the user";
-    case Outcome::kOther: break;
-    }
-    return "failed";
-}

@@ -182,7 +182,7 @@ int WriteOtaArea(UpgradeRun& run, const OtaLayout& layout)
 
     WriteCycle first = OldContentCycle(layout.firstBlock, data, kFirstBlockTexts,
                                        kFirstBlockPercent, layout, PrepareOtaFirstBlock);
-    if (RunWriteCycle(first, data, compare) != 0)
+    if (RunWriteCycle(first, data, compare, run.failure) != 0)
         return -1;
     if (StopRequested())
         return -1;
@@ -191,7 +191,7 @@ int WriteOtaArea(UpgradeRun& run, const OtaLayout& layout)
     if (layout.blocksCrossed != 0) {
         WriteCycle last = OldContentCycle(layout.lastBlock, data, kLastBlockTexts,
                                           kLastBlockPercent, layout, PrepareOtaLastBlock);
-        if (RunWriteCycle(last, data, compare) != 0)
+        if (RunWriteCycle(last, data, compare, run.failure) != 0)
             return -1;
     }
     const uint32_t remainder = PrepareOtaRemainder(layout, data);
@@ -205,5 +205,5 @@ int WriteOtaArea(UpgradeRun& run, const OtaLayout& layout)
     tail.region = "ota";
     tail.regionTotal = layout.size;
     SetAllPercentages(tail, kRemainderPercent);
-    return RunWriteCycle(tail, data, compare);
+    return RunWriteCycle(tail, data, compare, run.failure);
 }
