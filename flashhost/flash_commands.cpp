@@ -21,7 +21,6 @@ const unsigned char kErasedByte = flash_geometry::kErasedByte;
 // A ReadSector reply holds count x 512 bytes in one reply buffer of 8,190 payload
 // bytes, so at most 15 sectors: more is refused before anything is sent.
 const unsigned int kMaxReadSectors = kMaxReplyPayload / kSectorSize;
-const char kTextReadTooLong[] = "Read request exceeds the 8190-byte reply buffer!";
 
 const char kTextEraseTimeout[] = "Cmd erase waits for ack timeout or comm error!";
 

@@ -5,14 +5,6 @@
 
 using namespace protocol;
 
-namespace {
-
-// ReadMemoryLen takes its whole block in one reply, which holds at most 8,190
-// payload bytes: a larger request is refused before anything is sent.
-const char kTextReadTooLong[] = "Read request exceeds the 8190-byte reply buffer!";
-
-}  // namespace
-
 // A single-value read takes the first `size` payload bytes; a reply with fewer is
 // refused (CopyPayload) instead of handing back stale bytes.
 int CFlashHost::ReadValue(const char* name, unsigned char opcode, unsigned int address,

@@ -45,5 +45,8 @@ enum Opcode : unsigned char {
 const char kTextRead1Timeout[] = "Cmd read 1 byte waits for ack timeout or comm error!";
 const char kTextReadSectorsTimeout[] = "Cmd read sectors waits for ack timeout or comm error!";
 const char kTextWriteSectorsTimeout[] = "Cmd write sectors waits for ack timeout or comm error!";
+// ReadSector and ReadMemoryLen take their data in one reply, which holds at most
+// 8,190 payload bytes: a larger request is refused before anything is sent.
+const char kTextReadTooLong[] = "Read request exceeds the 8190-byte reply buffer!";
 
 }  // namespace protocol

@@ -75,8 +75,7 @@ int ReadFirstChunk(UpgradeRun& run, FILE* source, const std::string& path, const
                                                        : plan.firstChunk;
     chunk.assign(count, flash_geometry::kErasedByte);
     if (!SeekTo(source, plan.sourceOffset)) {
-        std::printf("Failed to read image file: %s\n", path.c_str());
-        std::fflush(stdout);
+        PrintImageReadFailure(path);
         KeepFirstFailure(run.failure, FailureKind::kImage);
         return -1;
     }

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "common/flash_geometry.h"
 #include "flashhost/CFlashHost.h"
 #include "upgrade/UpGrade.h"
 #include "upgrade/old_block.h"
@@ -150,23 +151,23 @@ void PrepareOtaFirstBlock(const OtaLayout& layout, unsigned char* block)
     if (layout.blocksCrossed == 0) {
         // The whole area lies in this block, and CheckOtaLayout made sure it holds
         // the header: the header, then 0xFF up to the end of the area.
-        std::memset(block + start, 0xFF, layout.size);
+        std::memset(block + start, flash_geometry::kErasedByte, layout.size);
         std::memcpy(block + start, OtaBuf, kOtaHeaderSize);
         return;
     }
     const uint32_t headerPart = std::min<uint32_t>(layout.room, kOtaHeaderSize);
-    std::memset(block + start, 0xFF, layout.room);
+    std::memset(block + start, flash_geometry::kErasedByte, layout.room);
     std::memcpy(block + start, OtaBuf, headerPart);
 }
 
 void PrepareOtaLastBlock(const OtaLayout& layout, unsigned char* block)
 {
-    std::memset(block, 0xFF, layout.end - layout.lastBlock);
+    std::memset(block, flash_geometry::kErasedByte, layout.end - layout.lastBlock);
 }
 
 uint32_t PrepareOtaRemainder(const OtaLayout& layout, unsigned char* block)
 {
-    std::memset(block, 0xFF, kUpgradeBlockSize);
+    std::memset(block, flash_geometry::kErasedByte, kUpgradeBlockSize);
     if (layout.firstShare >= kOtaHeaderSize)
         return 0;
     const uint32_t remainder = kOtaHeaderSize - layout.firstShare;

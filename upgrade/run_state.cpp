@@ -10,8 +10,7 @@ int ReadImageBytes(UpgradeRun& run, FILE* file, unsigned char* dest, uint32_t co
 {
     if (std::fread(dest, 1, count, file) == count)
         return 0;
-    std::printf("Failed to read image file: %s\n", path.c_str());
-    std::fflush(stdout);
+    PrintImageReadFailure(path);
     KeepFirstFailure(run.failure, FailureKind::kImage);
     return -1;
 }
@@ -22,6 +21,12 @@ int LoadBlockFromFile(UpgradeRun& run, FILE* file, uint32_t count, const std::st
     if (count > kUpgradeBlockSize)
         count = kUpgradeBlockSize;
     return ReadImageBytes(run, file, run.data.get(), count, path);
+}
+
+void PrintImageReadFailure(const std::string& path)
+{
+    std::printf("Failed to read image file: %s\n", path.c_str());
+    std::fflush(stdout);
 }
 
 bool IsCombinedImagePath(const std::string& path)

@@ -35,5 +35,8 @@ int LoadBlockFromFile(UpgradeRun& run, FILE* file, uint32_t count, const std::st
 int ReadImageBytes(UpgradeRun& run, FILE* file, unsigned char* dest, uint32_t count,
                    const std::string& path);
 
+// Prints "Failed to read image file: PATH" at once.
+void PrintImageReadFailure(const std::string& path);
+
 // True when the path names a combined image: its last five characters are ".cimg".
 bool IsCombinedImagePath(const std::string& path);

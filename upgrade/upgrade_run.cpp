@@ -113,7 +113,7 @@ int MeasureMainImage(UpgradeRun& run)
     FILE* file = run.mainFile.get();
     const int64_t fileLength = FileLength(file);
     if (fileLength < 0 || !SeekTo(file, 0)) {
-        std::printf("Failed to read image file: %s\n", g_fwParser.GetFilePath().c_str());
+        PrintImageReadFailure(g_fwParser.GetFilePath());
         return ImageFailure(run);
     }
     // Flash addresses are 32-bit; a longer file cannot be placed.
