@@ -139,22 +139,6 @@ TEST_F(DriverCli, CombineThatCannotWriteLeavesNoPartialImage)
     EXPECT_NE(0, access(dir.File("out.cimg").c_str(), F_OK));
 }
 
-// The host log's folder cannot be made (its parent is a regular file): the
-// connection ends before it begins, with the classic status, or with --exit-code
-// the local file's own class, not "no answer".
-TEST_F(DriverCli, ALogFolderThatCannotBeMadeEndsWithItsOwnClass)
-{
-    WriteText(dir.File("plain"), "a file, not a folder");
-    const std::vector<std::string> args = {"-D", "r", "-d", "1", "-l", "plain/log/log.txt", "-c",
-                                           "/nonexistent/tty"};
-    ProcessResult r = Run(args);
-    EXPECT_EQ(255, r.exitStatus);
-    EXPECT_NE(std::string::npos, r.out.find("Failed to create folder!\n")) << r.out;
-    std::vector<std::string> withCodes = args;
-    withCodes.insert(withCodes.begin(), "--exit-code");
-    EXPECT_EQ(9, Run(withCodes).exitStatus);
-}
-
 TEST_F(DriverCli, InformationReportShowsBothImagesAndIgnoresLaterOptions)
 {
     ImageSpec spec;

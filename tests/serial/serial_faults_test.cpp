@@ -9,7 +9,7 @@
 
 #include "serial/CCommU.h"
 #include "tests/support/memory_port.h"
-#include "tests/support/process.h"
+#include "tests/support/serial_fixtures.h"
 
 namespace {
 
@@ -126,9 +126,9 @@ TEST(SerialReadPath, AReplyArrivingInPiecesIsAssembledInOrder)
 }
 
 // The classic line goes on whatever the device says; the fast link refuses to run
-// at a speed the adapter did not take. The port only reports it (the flash host
-// prints the text): nothing reaches either stream from here.
-TEST(SerialRates, ARefusedRateFailsOnlyOnTheFastLink)
+// at a speed the adapter did not take. The port only reports it, as it reports a
+// failed open (the flash host prints the texts): nothing reaches either stream.
+TEST(SerialRates, ARefusedRateFailsOnlyOnTheFastLinkAndThePortPrintsNothing)
 {
     for (bool fast : {false, true}) {
         SCOPED_TRACE(fast ? "fast link" : "classic");
@@ -145,22 +145,13 @@ TEST(SerialRates, ARefusedRateFailsOnlyOnTheFastLink)
         EXPECT_EQ(0, port.ChangeUartBaud(115200));
         EXPECT_FALSE(port.RateRefused()) << "each change reports its own outcome";
     }
-}
-
-TEST(SerialOpen, AFailedOpenKeepsItsCauseAndPrintsNothing)
-{
-    for (int error : {ENOENT, EACCES, EBUSY}) {
-        SCOPED_TRACE(error);
-        MemoryPort memory;
-        memory.openErrno = error;
-        CCommU port;
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(-1, OpenOn(port, memory));
-        EXPECT_EQ("", testing::internal::GetCapturedStdout());
-        EXPECT_EQ("", testing::internal::GetCapturedStderr());
-        EXPECT_EQ(error, port.iOpenErrno);
-    }
+    MemoryPort memory;  // a failed open keeps its cause, and prints nothing either
+    memory.openErrno = EACCES;
+    CCommU port;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ("", CapturedStdout([&] { EXPECT_EQ(-1, OpenOn(port, memory)); }));
+    EXPECT_EQ("", testing::internal::GetCapturedStderr());
+    EXPECT_EQ(EACCES, port.iOpenErrno);
 }
 
 }  // namespace

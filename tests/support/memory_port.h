@@ -26,7 +26,6 @@ public:
     // What happened.
     std::vector<unsigned char> written;
     size_t readCalls = 0;
-    size_t writeCalls = 0;
     unsigned int rate = 0;
     bool open = false;
 
