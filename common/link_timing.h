@@ -12,18 +12,18 @@ namespace link_timing {
 // The boot ROM and the boot-loader start at this rate; every connection opens at it,
 // a rate not in the table falls back to it, and Close returns the target to it.
 constexpr uint32_t kBootRate = 115200;
-// The default working rate: the fastest classic rate. The boot-loader goes over at
+// The default working rate, the top of the classic table. The boot-loader goes over at
 // no more than this, four sectors go per command exactly here on the classic link
 // (and from here up on the fast link), and the last attempt of a write cycle falls
 // back from it to kBootRate.
-constexpr uint32_t kClassicFastRate = 921600;
+constexpr uint32_t kDefaultWorkingRate = 921600;
 
 // ---- Reply waits (serial port) ------------------------------------------------
 // A reply is awaited for at most this many reads, with one poll interval after each.
 constexpr int kReplyPolls = 101;
 // The poll interval: 5 ms at 921600 bit/s, 20 ms at every other rate. So a reply is
 // given up after about 0.5 s at 921600 and about 2 s elsewhere.
-constexpr uint32_t kPollRate = kClassicFastRate;
+constexpr uint32_t kPollRate = kDefaultWorkingRate;
 constexpr uint32_t kPollUsAtPollRate = 5000;
 constexpr uint32_t kPollUsOtherRates = 20000;
 // The fast link keeps that total deadline but wakes the moment bytes arrive.

@@ -14,7 +14,7 @@ using namespace protocol;
 namespace {
 
 const unsigned int kBootRate = link_timing::kBootRate;  // boot ROM and boot-loader start here
-const unsigned int kUploadRateCap = link_timing::kClassicFastRate;  // the image goes over at no more than this
+const unsigned int kUploadRateCap = link_timing::kDefaultWorkingRate;  // the image goes over at no more than this
 const unsigned int kBootLoaderAddress = 0x00010000;
 const unsigned int kBootLoaderEntry = 0x00010101;  // reset vector, Thumb bit set
 const unsigned int kChangeBaudMode = 0x03000000;   // top byte of the ChangeBaud word

@@ -14,7 +14,7 @@ using namespace protocol;
 namespace {
 
 const unsigned char kEraseMode = 3;            // the only erase mode the host uses
-const unsigned int kFastSectorRate = link_timing::kClassicFastRate;  // four sectors per command here
+const unsigned int kFastSectorRate = link_timing::kDefaultWorkingRate;  // four sectors per command here
 const unsigned int kSectorsPerFastCommand = 4;
 const unsigned char kErasedByte = flash_geometry::kErasedByte;
 

@@ -78,7 +78,7 @@ void GetDefaultSettings(char* path)
     g_Setting.bFlashCompat = LoadFlag(path, "bFlashCompat", 1);
     g_Setting.bLogLevel = LoadFlag(path, "bLogLevel", 0);
 
-    g_Setting.iBaud = static_cast<uint32_t>(LoadInt(path, "comm", "iBaud", link_timing::kClassicFastRate));
+    g_Setting.iBaud = static_cast<uint32_t>(LoadInt(path, "comm", "iBaud", link_timing::kDefaultWorkingRate));
     g_Setting.iAddress = LoadHex(path, "debug", "iAddress", 0.0f);
     g_Setting.iLength = LoadHex(path, "debug", "iLength", 512.0f);
     g_Setting.iDebugOp = LoadDebugOp(path);

@@ -36,7 +36,7 @@ mutants=(
   'flashhost/flash_commands.cpp|s/block < end;/block <= end;/|erase runs one block past the range'
   'flashhost/flash_commands.cpp|s/memset\(m_partialBuf \+ bytes, kErasedByte/memset(m_partialBuf + bytes, 0x00/|last sector padded with zeros'
   'flashhost/flash_commands.cpp|s/if \(memcmp\(scratch \+ offset, expected \+ offset, bytes\) == 0\)/if (true)/|change check never finds a difference'
-  'flashhost/connection.cpp|s/kUploadRateCap = link_timing::kClassicFastRate;/kUploadRateCap = 3000000;/|boot-loader uploaded above 921600'
+  'flashhost/connection.cpp|s/kUploadRateCap = link_timing::kDefaultWorkingRate;/kUploadRateCap = 3000000;/|boot-loader uploaded above 921600'
   'serial/CCommU.cpp|s/const unsigned int kMaxReadLength = 8196;/const unsigned int kMaxReadLength = 8197;/|reply read limit one too high'
   'serial/CCommU.cpp|s/while \(sent < len\) \{/for (int once = 0; once < 1 \&\& sent < len; ++once) {/|a write taken in part is not finished'
   'serial/CCommU.cpp|s/if \(n < 0 && !WouldBlock\(errno\)\) \{\n        m_lineLost = true;\n        return kReadFailed;/if (false) {\n        return kReadFailed;/|a read error is taken for an idle line'

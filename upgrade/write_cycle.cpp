@@ -11,7 +11,7 @@
 namespace {
 
 // The speed the last attempt falls back to, and the only speed it falls back from.
-constexpr unsigned int kFallBackFromBaud = link_timing::kClassicFastRate;
+constexpr unsigned int kFallBackFromBaud = link_timing::kDefaultWorkingRate;
 constexpr unsigned int kSafeBaud = link_timing::kBootRate;
 
 enum AttemptResult { kAttemptDone, kAttemptFailed, kAttemptStopped };
