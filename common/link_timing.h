@@ -1,17 +1,29 @@
-// Every wait of the serial link in one table: poll intervals and counts, pauses,
-// deadlines and retry waits of both the specified mode and the fast link. A reader
-// sees here the whole timing of a connection; the code that waits names one of these.
+// The line rates and the timing of the serial link in one table: poll intervals
+// and counts, pauses, deadlines and retry waits of both the classic and the fast
+// link. Every wait of a connection (serial port, flash host, upgrade engine) names
+// one of these; the console reader's echo pause is not a wait of the link and
+// stays with it.
 #pragma once
 #include <cstdint>
 
 namespace link_timing {
+
+// ---- Line rates ---------------------------------------------------------------
+// The boot ROM and the boot-loader start at this rate; every connection opens at it,
+// a rate not in the table falls back to it, and Close returns the target to it.
+constexpr uint32_t kBootRate = 115200;
+// The default working rate, the top of the classic table. The boot-loader goes over at
+// no more than this, four sectors go per command exactly here on the classic link
+// (and from here up on the fast link), and the last attempt of a write cycle falls
+// back from it to kBootRate.
+constexpr uint32_t kDefaultWorkingRate = 921600;
 
 // ---- Reply waits (serial port) ------------------------------------------------
 // A reply is awaited for at most this many reads, with one poll interval after each.
 constexpr int kReplyPolls = 101;
 // The poll interval: 5 ms at 921600 bit/s, 20 ms at every other rate. So a reply is
 // given up after about 0.5 s at 921600 and about 2 s elsewhere.
-constexpr uint32_t kPollRate = 921600;
+constexpr uint32_t kPollRate = kDefaultWorkingRate;
 constexpr uint32_t kPollUsAtPollRate = 5000;
 constexpr uint32_t kPollUsOtherRates = 20000;
 // The fast link keeps that total deadline but wakes the moment bytes arrive.
@@ -38,6 +50,9 @@ constexpr uint64_t WriteDeadlineUs(uint64_t bytes, uint32_t baud)
 {
     return 2 * WireTimeUs(bytes, baud) + kWriteMarginUs;
 }
+// A driver that says it has room and then refuses the write again is given this
+// pause, so the wait does not turn into a busy loop.
+constexpr uint32_t kWriteRefusedAgainPauseUs = 1000;
 
 // ---- Protocol pauses (flash host) ---------------------------------------------
 // The specified mode waits this long after a ReadSector command and after a

@@ -1,6 +1,6 @@
 // The words of `kestrelQT_u --json`: event names, field names and the exit status of
 // a stopped run. The writer of these lines is JsonSink in frontend/run_sinks.cpp
-// (its outcome classes are in common/run_report.h); it must use exactly these
+// (the failure classes are in common/failure_kind.h); it uses exactly these
 // names and this status, because kestrel_gang reads the lines by them. A field
 // renamed on one side only would leave the gang's table and report silently empty.
 #pragma once
@@ -37,7 +37,7 @@ constexpr char kFieldDriver[] = "driver";
 constexpr char kFieldById[] = "by_id";
 
 // The exit status (and result exit_code) of a run the operator stopped; the same
-// value as run_report::Outcome::kStopped.
+// value as FailureKind::kStopped.
 constexpr int kExitStopped = 8;
 
 }  // namespace run_event

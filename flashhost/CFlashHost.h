@@ -1,18 +1,20 @@
 // The protocol host: command frames and acknowledgements, memory and flash commands,
 // connection bring-up, and the host log. One instance exists: g_flashHost.
 #pragma once
-#include <atomic>
-#include <cstdio>
+#include <cstdint>
 #include <string>
 
+#include "common/failure_kind.h"
+#include "common/flash_geometry.h"
+#include "common/link_profile.h"
 #include "serial/CCommU.h"
 
 enum {
     kCmdBufferSize = 16384,
     kFrameHeaderSize = 12,
     kMaxReplyPayload = kReplyBufferSize - kFrameHeaderSize,  // 8,190 bytes
-    kSectorSize = 512,
-    kEraseBlockSize = 65536,
+    kSectorSize = flash_geometry::kSectorSize,
+    kEraseBlockSize = flash_geometry::kEraseBlockSize,
     kFlashIdSize = 20,
     // The most sectors one write command carries (the boot-loader's limit); a read
     // is held to what one reply buffer takes (15 sectors).
@@ -31,6 +33,9 @@ void RequestUpgradeStop();
 // Creates every folder on the path; 1 on success, 0 when a folder cannot be made.
 int CreateMultiDirectory(std::string path);
 
+// The outcome text of every operation that succeeded; the driver compares with it.
+extern const char kOperationOkText[];
+
 class CFlashHost {
 public:
     CFlashHost();
@@ -42,7 +47,12 @@ public:
     // and fuzzers hand in a port of their own.
     void UsePort(BytePort* port) { m_comm.UsePort(port); }
     // True once the line failed in a way it does not recover from (unplugged).
-    bool LinkLost() const { return m_comm.LineLost(); }
+    bool LinkLost() const { return m_comm.LinkLost(); }
+
+    // The link profile for the next connection (the default is the classic link):
+    // the serial part goes to the port, the rest shapes the length operations.
+    // The only place that knows which link is in use.
+    void SetLinkProfile(const LinkProfile& link);
 
     // Frames and acknowledgement.
     unsigned short CheckSum16(unsigned char* buf, int len);
@@ -100,21 +110,23 @@ public:
     int ReadFlashLength(unsigned int address, unsigned char* buffer, unsigned int length);
     int WriteFlashLength(unsigned int address, unsigned char* data, unsigned int length);
 
-    // The fast link (off by default): no fixed pause after sector commands, the
-    // configured sectors per command (1 to 15, 0 = 4) at every rate from 921600
-    // up, and the serial port's fast mode. Off, every command is the classic one.
-    void SetFastLink(bool on);
-    bool GetFastLink() const { return m_fastLink; }
-    void SetSectorsPerCommand(unsigned int count);
+    // The change check: whether flash over the range holds `expected`, read into
+    // `scratch` (which holds `length` bytes); *differs is 1 when it does not. The
+    // classic link reads the whole range, then compares; the fast link compares each
+    // command's piece as it arrives and stops at the first difference, since the
+    // range is rewritten anyway. 0 unless a command failed.
+    int CheckFlashLength(unsigned int address, const unsigned char* expected,
+                         unsigned int length, unsigned char* scratch, int* differs);
+    // A write into flash known to be erased. The classic link writes every sector;
+    // the fast link does not send the sectors that are all 0xFF, since erased flash
+    // already holds them (a read-back still compares them).
+    int WriteErasedFlashLength(unsigned int address, unsigned char* data, unsigned int length);
 
-    // Reads the range command by command into `scratch` (which holds `length`
-    // bytes) and compares each piece with `expected` as it arrives; the first piece
-    // that differs ends the read with *differs set to 1. 0 unless a command failed.
-    int CompareFlashLength(unsigned int address, const unsigned char* expected,
-                           unsigned int length, unsigned char* scratch, int* differs);
-    // WriteFlashLength for flash that is known to be erased: sectors whose bytes
-    // are all 0xFF already hold them and are not sent.
-    int WriteFlashLengthAfterErase(unsigned int address, unsigned char* data, unsigned int length);
+    // The flash identifier read at the last connection, and the capacity it
+    // announces (0: unknown, see flash_geometry::FlashCapacityFromId).
+    const unsigned char* FlashId() const { return m_flashId; }
+    unsigned int FlashIdLength() const { return m_flashIdLength; }
+    uint64_t FlashCapacity() const;
 
     // Host log.
     bool InitLogFile();
@@ -140,6 +152,8 @@ private:
                    const char* timeoutText, unsigned int pauseUs);
     int ReadErrorReply();
     int ReadAckPayload();
+    // Leaves the text and the kind of a failed command; always -1.
+    int CommandFailed(const char* text);
     unsigned int ReplyPayloadLength() const;
     int CopyPayload(unsigned char* out, unsigned int count);
 
@@ -150,7 +164,13 @@ private:
                    const unsigned char* value, unsigned int size, const char* timeoutText);
 
     // Bring-up steps (connection.cpp).
+    int Connect();
     int CloseWith(const char* text);
+    // The port's open and rate changes, each followed by what the port found told
+    // to the user (the rate list, the open failure, a refused rate). Seam: the
+    // first-contact profile fields (reset lines, rate ceiling) apply here.
+    int OpenPort(std::string& device);
+    int SetPortRate(unsigned int baud, const char* what);
     int ChangeUartBaudOrClose();
     int StartBootLoader();
 
@@ -159,21 +179,25 @@ private:
     unsigned int SectorPauseUs() const;
     int ReadPiece(unsigned int sector, unsigned char* dest, unsigned int bytes, unsigned int sectors);
     int WritePiece(unsigned int sector, unsigned char* data, unsigned int bytes, unsigned int sectors);
+    int CompareFlashPieces(unsigned int address, const unsigned char* expected,
+                           unsigned int length, unsigned char* scratch, int* differs);
+    int WriteDataSectors(unsigned int address, unsigned char* data, unsigned int length);
 
     unsigned char m_cmdBuf[kCmdBufferSize];
     // The last, partial sectors of a length operation: padded with 0xFF here for a
     // write, read here for a read, so the caller's buffer is never read or written
     // past the length it gave.
     unsigned char m_partialBuf[kMaxWriteSectorsPerCommand * kSectorSize];
-    bool m_fastLink = false;
-    unsigned int m_sectorsPerCommand = 0;
+    LinkProfile m_link;
 
 public:
     std::string m_strMsg;  // outcome of the last operation
+    // The class of the last failure, set with every -1 beside m_strMsg and cleared
+    // by a command that succeeds; Close keeps it.
+    FailureKind m_failKind = FailureKind::kNone;
 
 private:
     CCommU m_comm;
-    unsigned char* m_pHeader = nullptr;
     std::string m_strComNum;
     unsigned int m_iBaud = 0;
     int m_iIndex = 0;
@@ -182,6 +206,7 @@ private:
     int m_iUseBrom = 0;
     int m_iResponderCode = 0;
     unsigned char m_flashId[kFlashIdSize] = {};
+    unsigned int m_flashIdLength = 0;
 };
 
 extern CFlashHost g_flashHost;

@@ -4,17 +4,17 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "flashhost/CFlashHost.h"
-#include "flashhost/protocol.h"
 #include "common/link_timing.h"
-#include "common/run_report.h"
+#include "flashhost/CFlashHost.h"
+#include "flashhost/port_messages.h"
+#include "flashhost/protocol.h"
 
 using namespace protocol;
 
 namespace {
 
-const unsigned int kBootRate = 115200;        // boot ROM and boot-loader start here
-const unsigned int kUploadRateCap = 921600;   // the image goes over at no more than this
+const unsigned int kBootRate = link_timing::kBootRate;  // boot ROM and boot-loader start here
+const unsigned int kUploadRateCap = link_timing::kDefaultWorkingRate;  // the image goes over at no more than this
 const unsigned int kBootLoaderAddress = 0x00010000;
 const unsigned int kBootLoaderEntry = 0x00010101;  // reset vector, Thumb bit set
 const unsigned int kChangeBaudMode = 0x03000000;   // top byte of the ChangeBaud word
@@ -62,6 +62,7 @@ int CFlashHost::GetFlashId()
     // The identifier field holds 20 bytes; a longer payload is cut there.
     unsigned int idLength = std::min(ReplyPayloadLength(), static_cast<unsigned int>(kFlashIdSize));
     memcpy(m_flashId, m_comm.RecvBuf + kFrameHeaderSize, idLength);
+    m_flashIdLength = idLength;
     m_iResponderCode = m_comm.RecvBuf[kResponderOffset];
     return 0;
 }
@@ -79,16 +80,41 @@ int CFlashHost::ChangeUartBaud()
 {
     if (ChangeBaud(kChangeBaudMode | (m_iBaud & 0x00FFFFFFu)) != 0)
         return -1;
-    if (m_comm.ChangeUartBaud(m_iBaud) != 0) {
-        m_strMsg = kTextChangeUartError;
+    if (SetPortRate(m_iBaud, "speed change") != 0) {
+        CommandFailed(kTextChangeUartError);
         WriteLogBuf(m_strMsg, nullptr, 0);
         return -1;
     }
-    if (Synchron() != 0) {
-        m_strMsg = kTextSyncAfterBaudError;
-        return -1;
-    }
+    if (Synchron() != 0)
+        return CommandFailed(kTextSyncAfterBaudError);
     return 0;
+}
+
+uint64_t CFlashHost::FlashCapacity() const
+{
+    return flash_geometry::FlashCapacityFromId(m_flashId, m_flashIdLength);
+}
+
+int CFlashHost::OpenPort(std::string& device)
+{
+    const int result = m_comm.Uart_Init(&device[0], kBootRate);
+    if (m_comm.RateUnlisted())
+        PrintRateList();
+    if (m_comm.iFd < 0)
+        PrintOpenFailure(device.c_str(), m_comm.iOpenErrno);
+    else if (m_comm.RateRefused())
+        PrintRefusedRate("open", device.c_str(), m_comm.iBaudRate);
+    return result;
+}
+
+int CFlashHost::SetPortRate(unsigned int baud, const char* what)
+{
+    const int result = m_comm.ChangeUartBaud(baud);
+    if (m_comm.RateUnlisted())
+        PrintRateList();
+    if (m_comm.RateRefused())
+        PrintRefusedRate(what, m_comm.strPortName.c_str(), m_comm.iBaudRate);
+    return result;
 }
 
 int CFlashHost::LoadBRom()
@@ -112,7 +138,7 @@ int CFlashHost::ChangeUartBaudOrClose()
 
 int CFlashHost::CloseWith(const char* text)
 {
-    m_strMsg = text;
+    CommandFailed(text);
     Close();
     return -1;
 }
@@ -129,7 +155,7 @@ int CFlashHost::StartBootLoader()
         return CloseWith(kTextLoadBromError);
     WriteLogBuf("Load Brom OK!", nullptr, 0);
 
-    if (m_comm.ChangeUartBaud(kBootRate) != 0) {
+    if (SetPortRate(kBootRate, "speed change") != 0) {
         WriteLogBuf(kTextChangeUartError, nullptr, 0);
         return CloseWith(kTextChangeUartError);
     }
@@ -140,16 +166,31 @@ int CFlashHost::StartBootLoader()
     return ChangeUartBaudOrClose();
 }
 
+// The failure kinds of a connection: a log that cannot be started is a local
+// file's failure (the text stays as it was: the log's own line was printed), a
+// device that cannot be opened the port's, and anything after that means the target
+// did not answer as it should.
 int CFlashHost::OpenUart()
 {
-    if (!InitLogFile())
+    if (!InitLogFile()) {
+        m_failKind = FailureKind::kLocalFile;
         return -1;
+    }
+    if (Connect() == 0)
+        return 0;
+    if (m_failKind != FailureKind::kPortOpen)
+        m_failKind = FailureKind::kNoAnswer;
+    return -1;
+}
+
+int CFlashHost::Connect()
+{
     WriteLogBuf("Open uart...", nullptr, 0);
     std::string device = m_strComNum;
-    if (m_comm.Uart_Init(&device[0], kBootRate) != 0) {
+    if (OpenPort(device) != 0) {
         m_comm.UART_Close();  // forget the failed descriptor
-        run_report::NoteFailure(run_report::Outcome::kPortOpen);
         m_strMsg = kTextOpenError;
+        m_failKind = FailureKind::kPortOpen;
         WriteLogBuf(m_strMsg, nullptr, 0);
         return -1;
     }
@@ -158,6 +199,7 @@ int CFlashHost::OpenUart()
     if (Synchron() != 0)
         return CloseWith(kTextSync1Error);
     m_iResponderCode = 0;
+    m_flashIdLength = 0;
     if (GetFlashId() != 0)
         return CloseWith(kTextFlashIdError);
 
@@ -168,23 +210,28 @@ int CFlashHost::OpenUart()
     return StartBootLoader();
 }
 
+// Closing after a failure keeps that failure's text and kind: the speed change back
+// to 115200 on a dead line fails too, but it is a consequence, not the cause.
 void CFlashHost::Close()
 {
     std::string kept = m_strMsg;
+    const FailureKind keptKind = m_failKind;
     m_iBaud = kBootRate;
     ChangeUartBaud();  // a target that still answers goes back to 115200
     WriteLogBuf(kept, nullptr, 0);
     WriteLogBuf("Close uart!", nullptr, 0);
     m_comm.UART_Close();
     m_strMsg = kept;
+    m_failKind = keptKind;
 }
 
 int CFlashHost::SendUpgradeCmd()
 {
     std::string device = m_strComNum;
-    if (m_comm.Uart_Init(&device[0], kBootRate) != 0) {
+    if (OpenPort(device) != 0) {
         m_comm.UART_Close();
         m_strMsg = kTextOpenError;
+        m_failKind = FailureKind::kPortOpen;
         return -1;
     }
     unsigned char text[sizeof kUpgradeText];
@@ -194,8 +241,7 @@ int CFlashHost::SendUpgradeCmd()
         // The port is closed here too: left open, its lock would make the
         // OpenUart that follows fail.
         m_comm.UART_Close();
-        m_strMsg = kTextSendUpgradeError;
-        return -1;
+        return CommandFailed(kTextSendUpgradeError);
     }
     usleep(kUpgradeTextPauseUs);
     m_comm.UART_Close();

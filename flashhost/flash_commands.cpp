@@ -3,26 +3,24 @@
 #include <cstdint>
 #include <cstring>
 
-#include "common/link_timing.h"
-
 #include "common/checksum16.h"
+#include "common/link_timing.h"
 #include "flashhost/CFlashHost.h"
 #include "flashhost/protocol.h"
-#include "frontend/Setting.h"
+#include "common/setting_record.h"
 
 using namespace protocol;
 
 namespace {
 
 const unsigned char kEraseMode = 3;            // the only erase mode the host uses
-const unsigned int kFastSectorRate = 921600;   // four sectors per command at this speed
+const unsigned int kFastSectorRate = link_timing::kDefaultWorkingRate;  // four sectors per command here
 const unsigned int kSectorsPerFastCommand = 4;
-const unsigned char kErasedByte = 0xFF;
+const unsigned char kErasedByte = flash_geometry::kErasedByte;
 
 // A ReadSector reply holds count x 512 bytes in one reply buffer of 8,190 payload
 // bytes, so at most 15 sectors: more is refused before anything is sent.
 const unsigned int kMaxReadSectors = kMaxReplyPayload / kSectorSize;
-const char kTextReadTooLong[] = "Read request exceeds the 8190-byte reply buffer!";
 
 const char kTextEraseTimeout[] = "Cmd erase waits for ack timeout or comm error!";
 
@@ -38,8 +36,7 @@ int CFlashHost::EraseFlash(unsigned int address)
 int CFlashHost::ReadSector(unsigned int sector, unsigned char* buffer, unsigned int count)
 {
     if (count > kMaxReadSectors) {
-        m_strMsg = kTextReadTooLong;
-        return -1;
+        return CommandFailed(kTextReadTooLong);
     }
     const FrameField fields[] = {{sector, 4}, {count, 4}};
     unsigned int frameSize = BuildCommand(kReadSector, fields, 2);
@@ -78,15 +75,10 @@ int CFlashHost::EraseFlashLength(unsigned int address, unsigned int length)
     return 0;
 }
 
-void CFlashHost::SetFastLink(bool on)
+void CFlashHost::SetLinkProfile(const LinkProfile& link)
 {
-    m_fastLink = on;
-    m_comm.SetFastLink(on);
-}
-
-void CFlashHost::SetSectorsPerCommand(unsigned int count)
-{
-    m_sectorsPerCommand = count;
+    m_link = link;
+    m_comm.SetLinkProfile(link);
 }
 
 // Classic: four sectors at exactly 921600, one at every other speed. Fast link: the
@@ -95,11 +87,11 @@ void CFlashHost::SetSectorsPerCommand(unsigned int count)
 // carry in each direction.
 unsigned int CFlashHost::SectorsPerCommand(bool forRead) const
 {
-    if (!m_fastLink)
+    if (!m_link.fast)
         return m_iBaud == kFastSectorRate ? kSectorsPerFastCommand : 1;
     if (m_iBaud < kFastSectorRate)
         return 1;
-    unsigned int count = m_sectorsPerCommand == 0 ? kSectorsPerFastCommand : m_sectorsPerCommand;
+    unsigned int count = m_link.sectorsPerCommand == 0 ? kSectorsPerFastCommand : m_link.sectorsPerCommand;
     const unsigned int most =
         forRead ? kMaxReadSectors : static_cast<unsigned int>(kMaxWriteSectorsPerCommand);
     return std::min(std::max(count, 1u), most);
@@ -109,7 +101,7 @@ unsigned int CFlashHost::SectorsPerCommand(bool forRead) const
 // waits for the reply itself, within the same deadline.
 unsigned int CFlashHost::SectorPauseUs() const
 {
-    return m_fastLink ? 0 : link_timing::kSectorCommandPauseUs;
+    return m_link.fast ? 0 : link_timing::kSectorCommandPauseUs;
 }
 
 // One read command for `sectors` sectors of which the caller wants `bytes`: straight
@@ -188,7 +180,28 @@ int CFlashHost::WriteFlashLength(unsigned int address, unsigned char* data, unsi
                           });
 }
 
-int CFlashHost::CompareFlashLength(unsigned int address, const unsigned char* expected,
+int CFlashHost::CheckFlashLength(unsigned int address, const unsigned char* expected,
+                                 unsigned int length, unsigned char* scratch, int* differs)
+{
+    if (m_link.fast)
+        return CompareFlashPieces(address, expected, length, scratch, differs);
+    if (ReadFlashLength(address, scratch, length) != 0)
+        return -1;
+    *differs = memcmp(expected, scratch, length) != 0;
+    return 0;
+}
+
+int CFlashHost::WriteErasedFlashLength(unsigned int address, unsigned char* data, unsigned int length)
+{
+    if (m_link.fast)
+        return WriteDataSectors(address, data, length);
+    return WriteFlashLength(address, data, length);
+}
+
+// Reads the range command by command into `scratch` and compares each piece with
+// `expected` as it arrives; the first piece that differs ends the read with
+// *differs set to 1. 0 unless a command failed.
+int CFlashHost::CompareFlashPieces(unsigned int address, const unsigned char* expected,
                                    unsigned int length, unsigned char* scratch, int* differs)
 {
     *differs = 0;
@@ -207,8 +220,7 @@ int CFlashHost::CompareFlashLength(unsigned int address, const unsigned char* ex
 
 // Runs of sectors that hold data go out in commands of up to the usual count;
 // sectors that are all 0xFF are skipped, since erased flash already reads so.
-int CFlashHost::WriteFlashLengthAfterErase(unsigned int address, unsigned char* data,
-                                           unsigned int length)
+int CFlashHost::WriteDataSectors(unsigned int address, unsigned char* data, unsigned int length)
 {
     const unsigned int perCommand = SectorsPerCommand(false);
     const unsigned int first = address / kSectorSize;

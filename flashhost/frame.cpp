@@ -8,13 +8,12 @@
 #include "common/checksum16.h"
 #include "flashhost/CFlashHost.h"
 #include "flashhost/protocol.h"
-#include "frontend/Setting.h"
+#include "common/setting_record.h"
 
 using namespace protocol;
 
 namespace {
 
-const char kTextOk[] = "Operation OK !";
 const char kTextInvalidResponse[] = "Invalid response!";
 const char kTextNoErrorType[] = "Failed to read error type!";
 const char kTextPayloadError[] = "Read payload data error!";
@@ -39,19 +38,16 @@ bool WroteAll(int written, unsigned int expected)
     return written >= 0 && static_cast<unsigned int>(written) == expected;
 }
 
-void StoreLe(unsigned char* p, unsigned int value, unsigned int size)
-{
-    for (unsigned int i = 0; i < size; ++i)
-        p[i] = static_cast<unsigned char>(value >> (8 * i));
-}
-
-void StoreBe(unsigned char* p, unsigned int value, unsigned int size)
-{
-    for (unsigned int i = 0; i < size; ++i)
-        p[i] = static_cast<unsigned char>(value >> (8 * (size - 1 - i)));
-}
-
 }  // namespace
+
+const char kOperationOkText[] = "Operation OK !";
+
+int CFlashHost::CommandFailed(const char* text)
+{
+    m_strMsg = text;
+    m_failKind = FailureKind::kFlashCommand;
+    return -1;
+}
 
 unsigned short CFlashHost::CheckSum16(unsigned char* buf, int len)
 {
@@ -76,7 +72,6 @@ unsigned int CFlashHost::BuildCommand(unsigned char opcode, const FrameField* fi
                                       unsigned int rawLen)
 {
     memset(m_cmdBuf, 0, sizeof m_cmdBuf);
-    m_pHeader = m_cmdBuf;
     memcpy(m_cmdBuf, kMagic, sizeof kMagic);
     m_cmdBuf[kFlagsOffset] = kFlagChecksum;
 
@@ -84,7 +79,7 @@ unsigned int CFlashHost::BuildCommand(unsigned char opcode, const FrameField* fi
     unsigned int length = 0;
     body[length++] = opcode;
     for (int i = 0; i < fieldCount; ++i) {
-        StoreLe(body + length, fields[i].value, fields[i].size);
+        StoreLeN(body + length, fields[i].value, fields[i].size);
         length += fields[i].size;
     }
     if (rawLen > 0) {
@@ -99,7 +94,7 @@ unsigned int CFlashHost::BuildCommand(unsigned char opcode, const FrameField* fi
     StoreBe16(m_cmdBuf + kChecksumOffset, check);
     unsigned int offset = 1;
     for (int i = 0; i < fieldCount; ++i) {
-        StoreBe(body + offset, fields[i].value, fields[i].size);
+        StoreBeN(body + offset, fields[i].value, fields[i].size);
         offset += fields[i].size;
     }
     return kFrameHeaderSize + length;
@@ -129,8 +124,7 @@ int CFlashHost::AwaitReply(const char* name, int written, unsigned int expected,
         usleep(pauseUs);
     unsigned int readResult = m_comm.ReadMsg(m_comm.RecvBuf, kFrameHeaderSize);
     if (!WroteAll(written, expected) || readResult != 0) {
-        m_strMsg = timeoutText;
-        return -1;
+        return CommandFailed(timeoutText);
     }
     WriteLogBuf(std::string(name) + " rps:", m_comm.RecvBuf, kFrameHeaderSize);
     return CheckAck();
@@ -138,29 +132,26 @@ int CFlashHost::AwaitReply(const char* name, int written, unsigned int expected,
 
 int CFlashHost::CheckAck()
 {
-    m_pHeader = m_comm.RecvBuf;
-    if (memcmp(m_pHeader, kMagic, sizeof kMagic) != 0) {
-        WriteLogBuf("Error rps:", m_pHeader, kFrameHeaderSize);
-        printf("magic:0x%08X, 0x%08X\n", static_cast<unsigned int>(LoadLe32(m_pHeader)),
+    unsigned char* header = m_comm.RecvBuf;
+    if (memcmp(header, kMagic, sizeof kMagic) != 0) {
+        WriteLogBuf("Error rps:", header, kFrameHeaderSize);
+        printf("magic:0x%08X, 0x%08X\n", static_cast<unsigned int>(LoadLe32(header)),
                static_cast<unsigned int>(kMagicWord));
         m_comm.DrainInput();  // the rest of an unreadable reply must not start the next one
-        m_strMsg = kTextInvalidResponse;
-        return -1;
+        return CommandFailed(kTextInvalidResponse);
     }
-    unsigned char flags = m_pHeader[kFlagsOffset];
+    unsigned char flags = header[kFlagsOffset];
     if (flags & kFlagError)  // tested first: a reply with both bits is an error reply
         return ReadErrorReply();
     if (flags & kFlagAck)
         return ReadAckPayload();
-    m_strMsg = kTextNoAck;
-    return -1;
+    return CommandFailed(kTextNoAck);
 }
 
 int CFlashHost::ReadErrorReply()
 {
     if (m_comm.ReadMsg(m_comm.RecvBuf, 1) != 0) {
-        m_strMsg = kTextNoErrorType;
-        return -1;
+        return CommandFailed(kTextNoErrorType);
     }
     unsigned char type = m_comm.RecvBuf[0];
     WriteLogBuf("Error type rps:", m_comm.RecvBuf, 1);
@@ -172,6 +163,7 @@ int CFlashHost::ReadErrorReply()
         snprintf(text, sizeof text, "Unknown error type 0x%02X!", type);
         m_strMsg = text;
     }
+    m_failKind = FailureKind::kFlashCommand;
     return -1;
 }
 
@@ -184,22 +176,20 @@ int CFlashHost::ReadAckPayload()
 
     if (length > static_cast<unsigned int>(kMaxReplyPayload)) {
         m_comm.DrainInput();
-        m_strMsg = kTextPayloadTooLong;
-        return -1;
+        return CommandFailed(kTextPayloadTooLong);
     }
     unsigned char* payload = header + kFrameHeaderSize;
     if (m_comm.ReadMsg(payload, length) != 0) {
-        m_strMsg = kTextPayloadError;
-        return -1;
+        return CommandFailed(kTextPayloadError);
     }
     if (g_Setting.bLogLevel >= 2 && length > 0)
         WriteLogBuf("Payload rps:", payload, length);
     if ((header[kFlagsOffset] & kFlagChecksum) &&
         CheckSum16(header, static_cast<int>(kFrameHeaderSize + length)) != 0xFFFF) {
-        m_strMsg = kTextAckChecksum;
-        return -1;
+        return CommandFailed(kTextAckChecksum);
     }
-    m_strMsg = kTextOk;
+    m_strMsg = kOperationOkText;
+    m_failKind = FailureKind::kNone;
     return 0;
 }
 
@@ -212,8 +202,7 @@ unsigned int CFlashHost::ReplyPayloadLength() const
 int CFlashHost::CopyPayload(unsigned char* out, unsigned int count)
 {
     if (ReplyPayloadLength() < count) {
-        m_strMsg = kTextPayloadTooShort;
-        return -1;
+        return CommandFailed(kTextPayloadTooShort);
     }
     if (count > 0)
         memcpy(out, m_comm.RecvBuf + kFrameHeaderSize, count);

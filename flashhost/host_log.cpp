@@ -12,7 +12,7 @@
 
 #include "common/stdio_file.h"
 #include "flashhost/CFlashHost.h"
-#include "frontend/Setting.h"
+#include "common/setting_record.h"
 
 namespace {
 

@@ -5,14 +5,6 @@
 
 using namespace protocol;
 
-namespace {
-
-// ReadMemoryLen takes its whole block in one reply, which holds at most 8,190
-// payload bytes: a larger request is refused before anything is sent.
-const char kTextReadTooLong[] = "Read request exceeds the 8190-byte reply buffer!";
-
-}  // namespace
-
 // A single-value read takes the first `size` payload bytes; a reply with fewer is
 // refused (CopyPayload) instead of handing back stale bytes.
 int CFlashHost::ReadValue(const char* name, unsigned char opcode, unsigned int address,
@@ -83,8 +75,7 @@ int CFlashHost::Write_8_byte(unsigned int address, unsigned char* value)
 int CFlashHost::ReadMemoryLen(unsigned int address, unsigned char* buffer, unsigned int count)
 {
     if (count > static_cast<unsigned int>(kMaxReplyPayload)) {
-        m_strMsg = kTextReadTooLong;
-        return -1;
+        return CommandFailed(kTextReadTooLong);
     }
     const FrameField fields[] = {{address, 4}, {count, 4}};
     unsigned int frameSize = BuildCommand(kReadMemoryLen, fields, 2);

@@ -45,28 +45,8 @@ enum Opcode : unsigned char {
 const char kTextRead1Timeout[] = "Cmd read 1 byte waits for ack timeout or comm error!";
 const char kTextReadSectorsTimeout[] = "Cmd read sectors waits for ack timeout or comm error!";
 const char kTextWriteSectorsTimeout[] = "Cmd write sectors waits for ack timeout or comm error!";
-
-inline void StoreBe16(unsigned char* p, uint16_t v)
-{
-    p[0] = static_cast<unsigned char>(v >> 8);
-    p[1] = static_cast<unsigned char>(v);
-}
-
-inline void StoreBe32(unsigned char* p, uint32_t v)
-{
-    for (int i = 0; i < 4; ++i)
-        p[i] = static_cast<unsigned char>(v >> (24 - 8 * i));
-}
-
-inline uint16_t LoadBe16(const unsigned char* p)
-{
-    return static_cast<uint16_t>((p[0] << 8) | p[1]);
-}
-
-inline uint32_t LoadBe32(const unsigned char* p)
-{
-    return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
-           (static_cast<uint32_t>(p[2]) << 8) | static_cast<uint32_t>(p[3]);
-}
+// ReadSector and ReadMemoryLen take their data in one reply, which holds at most
+// 8,190 payload bytes: a larger request is refused before anything is sent.
+const char kTextReadTooLong[] = "Read request exceeds the 8190-byte reply buffer!";
 
 }  // namespace protocol

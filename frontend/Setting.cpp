@@ -1,13 +1,12 @@
-// The settings record and its loader.
+// The loader of the settings record: every key from the file, or its default.
 #include "frontend/Setting.h"
 
 #include <cstdio>
 #include <cstring>
 #include <string>
 
+#include "common/link_timing.h"
 #include "frontend/get_settings.h"
-
-Setting g_Setting;
 
 namespace {
 
@@ -44,20 +43,6 @@ uint32_t LoadDebugOp(char* path)
 
 }  // namespace
 
-uint32_t DebugOpFromText(const char* text)
-{
-    switch (text[0]) {
-    case 'r':
-        return kDebugRead;
-    case 'w':
-        return kDebugWrite;
-    case 'e':
-        return kDebugErase;
-    default:
-        return kDebugNone;
-    }
-}
-
 // Sectors per fast-link command: 1 to 15 (a reply buffer holds 15 sectors). A value
 // outside that range is reported on the error stream and the default (4, stored
 // as 0) is used: a typo in the file must not stop a production line, nor send
@@ -93,7 +78,7 @@ void GetDefaultSettings(char* path)
     g_Setting.bFlashCompat = LoadFlag(path, "bFlashCompat", 1);
     g_Setting.bLogLevel = LoadFlag(path, "bLogLevel", 0);
 
-    g_Setting.iBaud = static_cast<uint32_t>(LoadInt(path, "comm", "iBaud", 921600));
+    g_Setting.iBaud = static_cast<uint32_t>(LoadInt(path, "comm", "iBaud", link_timing::kDefaultWorkingRate));
     g_Setting.iAddress = LoadHex(path, "debug", "iAddress", 0.0f);
     g_Setting.iLength = LoadHex(path, "debug", "iLength", 512.0f);
     g_Setting.iDebugOp = LoadDebugOp(path);
@@ -102,14 +87,4 @@ void GetDefaultSettings(char* path)
     g_Setting.bFastLink = LoadFlag(path, "bFastLink", 0);
     g_Setting.bExitCode = LoadFlag(path, "bExitCode", 0);
     g_Setting.iSectorsPerCommand = LoadSectorsPerCommand(path);
-}
-
-// Longer text is cut at 259 characters so that the field stays terminated.
-void CopySettingText(char (&field)[kSettingTextSize], const char* text)
-{
-    std::memset(field, 0, kSettingTextSize);
-    size_t len = std::strlen(text);
-    if (len > kSettingTextSize - 1)
-        len = kSettingTextSize - 1;
-    std::memcpy(field, text, len);
 }

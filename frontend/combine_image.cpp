@@ -6,9 +6,8 @@
 #include <memory>
 #include <sys/stat.h>
 
-#include "frontend/Setting.h"
-#include "common/run_report.h"
 #include "common/stdio_file.h"
+#include "frontend/Setting.h"
 
 namespace {
 
@@ -34,41 +33,46 @@ bool IsRegularFile(std::FILE* file)
     return fstat(fileno(file), &info) == 0 && S_ISREG(info.st_mode);
 }
 
+int Fail(FailureKind* failure, FailureKind kind)
+{
+    if (failure)
+        *failure = kind;
+    return -1;
+}
+
 // A failed combine leaves no partial image behind. The output was opened for
 // writing (and so emptied) by this run, so removing it loses nothing; but only a
 // regular file is removed, never a device, pipe or other special file the path
-// may name.
-int FailAndRemove(UniqueFile& combined, bool removable, const char* what, const char* path)
+// may name. An image that cannot be read is the image's failure; an output that
+// cannot be written, the local file's.
+int FailAndRemove(UniqueFile& combined, bool removable, const char* what, const char* path,
+                  FailureKind* failure, FailureKind kind)
 {
     combined.reset();
     if (removable)
         std::remove(g_Setting.strCombineImagePath);
     std::printf("Failed to %s: %s\n", what, path);
-    run_report::NoteFailure(run_report::Outcome::kImage);
-    return -1;
+    return Fail(failure, kind);
 }
 
 }  // namespace
 
-int CombineImage()
+int CombineImage(FailureKind* failure)
 {
     UniqueFile image = OpenFile(g_Setting.strImagePath, "r");
     if (!image) {
         std::printf("Failed to open image file: %s\n", g_Setting.strImagePath);
-        run_report::NoteFailure(run_report::Outcome::kImage);
-        return -1;
+        return Fail(failure, FailureKind::kImage);
     }
     UniqueFile etfImage = OpenFile(g_Setting.strEtfImagePath, "r");
     if (!etfImage) {
         std::printf("Failed to open ETF image file: %s\n", g_Setting.strEtfImagePath);
-        run_report::NoteFailure(run_report::Outcome::kImage);
-        return -1;
+        return Fail(failure, FailureKind::kImage);
     }
     UniqueFile combined = OpenFile(g_Setting.strCombineImagePath, "w+");
     if (!combined) {
         std::printf("Failed to create combine image file: %s\n", g_Setting.strCombineImagePath);
-        run_report::NoteFailure(run_report::Outcome::kImage);
-        return -1;
+        return Fail(failure, FailureKind::kLocalFile);
     }
     const bool removable = IsRegularFile(combined.get());
     const char* const writeFailed = "write combine image file";
@@ -80,13 +84,16 @@ int CombineImage()
     for (const auto& part : parts) {
         CopyResult result = CopyFile(part.from, combined.get(), chunk.get());
         if (result == kReadFailed)
-            return FailAndRemove(combined, removable, "read image file", part.path);
+            return FailAndRemove(combined, removable, "read image file", part.path, failure,
+                                 FailureKind::kImage);
         if (result == kWriteFailed)
-            return FailAndRemove(combined, removable, writeFailed, g_Setting.strCombineImagePath);
+            return FailAndRemove(combined, removable, writeFailed, g_Setting.strCombineImagePath,
+                                 failure, FailureKind::kLocalFile);
     }
     // Buffered bytes reach the disk only at the close: a full disk shows there.
     if (std::fclose(combined.release()) != 0)
-        return FailAndRemove(combined, removable, writeFailed, g_Setting.strCombineImagePath);
+        return FailAndRemove(combined, removable, writeFailed, g_Setting.strCombineImagePath,
+                             failure, FailureKind::kLocalFile);
     std::printf("Create combine image file: %s SUCCESS!\n", g_Setting.strCombineImagePath);
     return 0;
 }

@@ -8,12 +8,14 @@
 #include <unistd.h>
 #include <string>
 
+#include "common/run_report.h"
 #include "flashhost/CFlashHost.h"
 #include "frontend/Setting.h"
+#include "frontend/link_setup.h"
 #include "frontend/options.h"
 #include "frontend/port_list.h"
+#include "frontend/run_outcome.h"
 #include "frontend/run_sinks.h"
-#include "common/run_report.h"
 #include "frontend/upgrade_start.h"
 #include "image/FwParser.h"
 #include "upgrade/UpGrade.h"
@@ -92,34 +94,32 @@ bool ReportImage(FwParser& parser, const char* path)
 }
 
 // -s: the report on both images. Its status is always 0: a missing or damaged
-// image shows in the report text (and, for --exit-code, in the outcome).
-int InformationRoad()
+// image shows in the report text (and, for --exit-code, in the returned class).
+FailureKind InformationRoad()
 {
     PrintBanner("                firmware information             ");
     const bool mainValid = ReportImage(g_fwParser, g_Setting.strImagePath);
     PrintBanner("             ETF firmware information            ");
     const bool etfValid = ReportImage(g_etfFwParser, g_Setting.strEtfImagePath);
-    if (!mainValid || !etfValid)
-        run_report::NoteFailure(run_report::Outcome::kImage);
-    return 0;
+    return mainValid && etfValid ? FailureKind::kNone : FailureKind::kImage;
 }
 
 // Only the device and the speed reach the flash host: no boot-loader is uploaded
 // for a debug operation.
-int DebugRoad()
+int DebugRoad(FailureKind& failure)
 {
     std::printf("\nFlash debug mode:\n");
     g_flashHost.SetComNum(g_Setting.strComDev);
     g_flashHost.SetBaud(g_Setting.iBaud);
     return FlashOperate(g_Setting.iDebugOp, g_Setting.iAddress, g_Setting.iLength,
-                        g_Setting.strWriteBinFile);
+                        g_Setting.strWriteBinFile, &failure);
 }
 
-int CombineRoad()
+int CombineRoad(FailureKind& failure)
 {
     std::printf("Enable combine image!\n");
     std::printf("Combine image path:%s\n", g_Setting.strCombineImagePath);
-    return CombineImage();
+    return CombineImage(&failure);
 }
 
 // The end of every road: the classic exit status, or with --exit-code the outcome
@@ -131,25 +131,16 @@ public:
     void UseJson(std::FILE* out) { m_json.reset(new JsonSink(out)); }
     JsonSink* Json() { return m_json.get(); }
 
-    int Finish(int classicStatus, bool succeeded, const std::string& successText)
+    int Finish(int classicStatus, bool succeeded, FailureKind kind, const std::string& successText)
     {
         run_report::SetSink(nullptr);
-        const run_report::Outcome recorded = run_report::RecordedOutcome();
-        int code = 0;
-        std::string message = successText;
-        if (!succeeded) {
-            code = static_cast<int>(recorded == run_report::Outcome::kSuccess ? run_report::Outcome::kOther
-                                                                             : recorded);
-            message = OutcomeName(static_cast<run_report::Outcome>(code));
-            const std::string& detail = g_flashHost.m_strMsg;
-            if (!detail.empty() && detail != "Operation OK !")
-                message += ": " + detail;
-        }
+        const RunResult result = ConcludeRun(classicStatus, succeeded, kind, g_Setting.bExitCode != 0,
+                                             successText, g_flashHost.m_strMsg);
         if (m_json) {
             const std::chrono::duration<double> took = std::chrono::steady_clock::now() - m_started;
-            m_json->Result(code, message, took.count());
+            m_json->Result(result.code, result.message, took.count());
         }
-        return g_Setting.bExitCode ? code : classicStatus;
+        return result.exitStatus;
     }
 
 private:
@@ -188,7 +179,7 @@ void PrintLongHelp()
 // --list-ports: a table, or one JSON object per port.
 void ListPorts(JsonSink* json)
 {
-    const std::vector<SerialPortInfo> ports = ListSerialPorts(PortListSysRoot(), PortListDevRoot());
+    const std::vector<SerialPortInfo> ports = ListSerialPorts();
     if (json) {
         for (const SerialPortInfo& p : ports)
             json->Port(p.path, p.vendor, p.product, p.serial, p.driver, p.byId);
@@ -205,13 +196,6 @@ void ListPorts(JsonSink* json)
         std::printf("No USB serial port found.\n");
 }
 
-// The fast link's settings go to the flash host for the debug and upgrade roads.
-void ConfigureLink()
-{
-    g_flashHost.SetFastLink(g_Setting.bFastLink != 0);
-    g_flashHost.SetSectorsPerCommand(g_Setting.iSectorsPerCommand);
-}
-
 }  // namespace
 
 void HelpMsg()
@@ -223,7 +207,6 @@ void HelpMsg()
 int DriverMain(int argc, char* argv[])
 {
     Conclusion end;
-    run_report::Reset();
     if (WantsJson(argc, argv)) {
         if (std::FILE* json = DivertTextToStderr())
             end.UseJson(json);
@@ -239,30 +222,29 @@ int DriverMain(int argc, char* argv[])
     switch (ApplyOptions(argc, argv)) {
     case OptionOutcome::kShowUsage:
         HelpMsg();
-        return end.Finish(0, true, "usage");
+        return end.Finish(0, true, FailureKind::kNone, "usage");
     case OptionOutcome::kBadOption:
         HelpMsg();
-        run_report::NoteFailure(run_report::Outcome::kUsage);
-        return end.Finish(0, false, "");
+        return end.Finish(0, false, FailureKind::kUsage, "");
     case OptionOutcome::kShowLongHelp:
         PrintLongHelp();
-        return end.Finish(0, true, "usage");
+        return end.Finish(0, true, FailureKind::kNone, "usage");
     case OptionOutcome::kShowVersion:
         std::printf("kestrelQT_u %s\n", KESTREL_VERSION);
-        return end.Finish(0, true, KESTREL_VERSION);
+        return end.Finish(0, true, FailureKind::kNone, KESTREL_VERSION);
     case OptionOutcome::kListPorts:
         ListPorts(end.Json());
-        return end.Finish(0, true, "ports listed");
+        return end.Finish(0, true, FailureKind::kNone, "ports listed");
     case OptionOutcome::kShowInfo: {
-        InformationRoad();
-        const bool valid = run_report::RecordedOutcome() == run_report::Outcome::kSuccess;
-        return end.Finish(0, valid, "images reported");
+        const FailureKind kind = InformationRoad();
+        return end.Finish(0, kind == FailureKind::kNone, kind, "images reported");
     }
     case OptionOutcome::kRunRoads:
         break;
     }
 
-    ConfigureLink();
+    // The one link profile of the debug and upgrade roads.
+    g_flashHost.SetLinkProfile(BuildLinkProfile(g_Setting));
     SummarySink summary(g_Setting.iBaud);
     if (end.Json())
         run_report::SetSink(end.Json());
@@ -270,15 +252,17 @@ int DriverMain(int argc, char* argv[])
         run_report::SetSink(&summary);
 
     PrintConnectionSettings();
+    FailureKind failure = FailureKind::kNone;
     if (g_Setting.iDebugOp != kDebugNone) {
-        const int status = DebugRoad();
-        return end.Finish(status, status == 0, "Debug operation OK!");
+        const int status = DebugRoad(failure);
+        return end.Finish(status, status == 0, failure, "Debug operation OK!");
     }
     PrintImageSettings();
     if (g_Setting.bCombineImage) {
-        const int status = CombineRoad();
-        return end.Finish(status, status == 0, "Combine image OK!");
+        const int status = CombineRoad(failure);
+        return end.Finish(status, status == 0, failure, "Combine image OK!");
     }
-    const int status = RunUpgradeRoad();
-    return end.Finish(status, status == 0 && g_iUpdateStatus == 1, "Upgrade OK!");
+    UpgradeOutcome outcome;
+    const int status = RunUpgradeRoad(outcome);
+    return end.Finish(status, status == 0 && g_iUpdateStatus == 1, outcome.failure, "Upgrade OK!");
 }

@@ -6,5 +6,8 @@ int DriverMain(int argc, char* argv[]);
 
 void HelpMsg();
 
-// Writes strImagePath followed by strEtfImagePath into strCombineImagePath.
-int CombineImage();
+#include "common/failure_kind.h"
+
+// Writes strImagePath followed by strEtfImagePath into strCombineImagePath; after
+// a failure its class goes to *failure when one is handed in.
+int CombineImage(FailureKind* failure = nullptr);

@@ -94,12 +94,7 @@ enum LongOption {
     kOptExitCode,
     kOptJson,
     kOptListPorts,
-    kOptSysfsRoot,
-    kOptDevRoot,
 };
-
-std::string g_sysRoot = "/sys";
-std::string g_devRoot = "/dev";
 
 const option kLongOptions[] = {
     {"help", no_argument, nullptr, kOptHelp},
@@ -108,8 +103,6 @@ const option kLongOptions[] = {
     {"exit-code", no_argument, nullptr, kOptExitCode},
     {"json", no_argument, nullptr, kOptJson},
     {"list-ports", no_argument, nullptr, kOptListPorts},
-    {"sysfs-root", required_argument, nullptr, kOptSysfsRoot},
-    {"dev-root", required_argument, nullptr, kOptDevRoot},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -125,16 +118,6 @@ const char* const kLongOptionLines[] = {
     "kestrelQT_u --list-ports  (serial ports with USB vendor:product, serial number, driver, by-id name)",
 };
 const int kLongOptionLineCount = sizeof kLongOptionLines / sizeof kLongOptionLines[0];
-
-const char* PortListSysRoot()
-{
-    return g_sysRoot.c_str();
-}
-
-const char* PortListDevRoot()
-{
-    return g_devRoot.c_str();
-}
 
 // A '?' from getopt is either the -? option or a refusal. A refused letter, or a
 // missing argument, leaves the letter in optopt; -? and an unknown long option
@@ -172,8 +155,6 @@ OptionOutcome ApplyOptions(int argc, char* argv[])
         case kOptExitCode: g_Setting.bExitCode = 1; continue;
         case kOptJson: g_Setting.bJson = g_Setting.bExitCode = 1; continue;
         case kOptListPorts: return OptionOutcome::kListPorts;
-        case kOptSysfsRoot: g_sysRoot = optarg; continue;
-        case kOptDevRoot: g_devRoot = optarg; continue;
         case 'h':
         case 'v':
             return OptionOutcome::kShowUsage;

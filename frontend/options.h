@@ -11,11 +11,6 @@ enum class OptionOutcome {
     kListPorts,     // --list-ports: the serial ports found
 };
 
-// Where --list-ports looks: /sys and /dev, or the trees given with the hidden
-// options --sysfs-root and --dev-root (for tests).
-const char* PortListSysRoot();
-const char* PortListDevRoot();
-
 // The long options, one line each, printed by --help after the usage text.
 extern const char* const kLongOptionLines[];
 extern const int kLongOptionLineCount;

@@ -2,7 +2,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/run_event_names.h"
+
 using nlohmann::json;
+using namespace run_event;
 
 void JsonSink::Emit(const std::string& line)
 {
@@ -12,14 +15,14 @@ void JsonSink::Emit(const std::string& line)
 
 void JsonSink::Start(const std::string& port, uint32_t rate, const std::vector<std::string>& images)
 {
-    Emit(json{{"event", "start"}, {"port", port}, {"rate", rate}, {"images", images}}
+    Emit(json{{kFieldEvent, kEventStart}, {kFieldPort, port}, {kFieldRate, rate}, {kFieldImages, images}}
              .dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
 void JsonSink::Progress(const char* region, const char* phase, uint64_t done, uint64_t total)
 {
-    Emit(json{{"event", "progress"}, {"region", region}, {"phase", phase}, {"done", done},
-              {"total", total}}
+    Emit(json{{kFieldEvent, kEventProgress}, {kFieldRegion, region}, {kFieldPhase, phase}, {kFieldDone, done},
+              {kFieldTotal, total}}
              .dump());
 }
 
@@ -27,16 +30,16 @@ void JsonSink::Region(const char* region, uint64_t bytes, double seconds)
 {
     m_bytes += bytes;
     const double rate = seconds > 0 ? bytes / 1000.0 / seconds : 0.0;
-    Emit(json{{"event", "region"}, {"region", region}, {"bytes", bytes}, {"seconds", seconds},
-              {"kbytes_per_s", rate}}
+    Emit(json{{kFieldEvent, kEventRegion}, {kFieldRegion, region}, {kFieldBytes, bytes}, {kFieldSeconds, seconds},
+              {kFieldKbytesPerS, rate}}
              .dump());
 }
 
 void JsonSink::Port(const std::string& path, const std::string& vendor, const std::string& product,
                     const std::string& serial, const std::string& driver, const std::string& byId)
 {
-    Emit(json{{"event", "port"}, {"path", path}, {"vid", vendor}, {"pid", product},
-              {"serial", serial}, {"driver", driver}, {"by_id", byId}}
+    Emit(json{{kFieldEvent, kEventPort}, {kFieldPath, path}, {kFieldVid, vendor}, {kFieldPid, product},
+              {kFieldSerial, serial}, {kFieldDriver, driver}, {kFieldById, byId}}
              .dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
@@ -44,8 +47,8 @@ void JsonSink::Result(int exitCode, const std::string& message, double seconds)
 {
     // Paths and texts may hold bytes that are not UTF-8: they are replaced, never
     // allowed to make the line invalid.
-    Emit(json{{"event", "result"}, {"ok", exitCode == 0}, {"exit_code", exitCode},
-              {"message", message}, {"seconds", seconds}, {"bytes", m_bytes}}
+    Emit(json{{kFieldEvent, kEventResult}, {kFieldOk, exitCode == 0}, {kFieldExitCode, exitCode},
+              {kFieldMessage, message}, {kFieldSeconds, seconds}, {kFieldBytes, m_bytes}}
              .dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
@@ -64,21 +67,4 @@ void SummarySink::Region(const char* region, uint64_t bytes, double seconds)
 {
     std::printf("%s\n", RegionSummary(region, bytes, seconds, m_lineRate).c_str());
     std::fflush(stdout);
-}
-
-const char* OutcomeName(run_report::Outcome outcome)
-{
-    using run_report::Outcome;
-    switch (outcome) {
-    case Outcome::kSuccess: return "success";
-    case Outcome::kUsage: return "usage error";
-    case Outcome::kImage: return "image error";
-    case Outcome::kPortOpen: return "port cannot be opened";
-    case Outcome::kNoAnswer: return "no answer from the target";
-    case Outcome::kFlashCommand: return "flash command failed";
-    case Outcome::kVerify: return "verify mismatch";
-    case Outcome::kStopped: return "stopped by the user";
-    case Outcome::kOther: break;
-    }
-    return "failed";
 }

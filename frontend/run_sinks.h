@@ -44,6 +44,3 @@ private:
 
 // The summary line itself (without the line feed).
 std::string RegionSummary(const char* region, uint64_t bytes, double seconds, uint32_t lineRate);
-
-// A short name for an outcome class, for the result message.
-const char* OutcomeName(run_report::Outcome outcome);

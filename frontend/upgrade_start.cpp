@@ -55,7 +55,7 @@ void* InputThread(void*)
     return nullptr;
 }
 
-int RunUpgradeRoad()
+int RunUpgradeRoad(UpgradeOutcome& outcome)
 {
     g_iUpdateStatus = -1;
     g_flashHost.SetComNum(g_Setting.strComDev);
@@ -66,7 +66,7 @@ int RunUpgradeRoad()
     g_fwParser.SetFilePath(g_Setting.strImagePath);
     g_etfFwParser.SetFilePath(g_Setting.strEtfImagePath);
 
-    if (pthread_create(&g_hUpgradeThread, nullptr, UpGradeThread, nullptr) != 0) {
+    if (pthread_create(&g_hUpgradeThread, nullptr, UpGradeThread, &outcome) != 0) {
         std::puts("Create UpGradeThread error!");
         return -1;
     }

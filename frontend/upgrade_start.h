@@ -2,8 +2,11 @@
 #pragma once
 #include <pthread.h>
 
-// Runs a whole upgrade and returns the exit status.
-int RunUpgradeRoad();
+#include "upgrade/UpGrade.h"
+
+// Runs a whole upgrade and returns the exit status; the worker leaves the class of
+// a failure in `outcome`.
+int RunUpgradeRoad(UpgradeOutcome& outcome);
 
 // Console thread: reads lines until "stop\n" and then requests the stop.
 void* InputThread(void* arg);

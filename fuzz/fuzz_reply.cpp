@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "flashhost/CFlashHost.h"
-#include "serial/memory_port.h"
+#include "tests/support/memory_port.h"
 
 namespace {
 

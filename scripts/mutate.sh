@@ -30,13 +30,13 @@ done
 # file | perl substitution (applied once) | what the fault is
 mutants=(
   'common/checksum16.cpp|s/sum \+= buf\[i\];/sum += 0;/|checksum drops an odd last byte'
-  'flashhost/frame.cpp|s/value >> \(8 \* \(size - 1 - i\)\)/value >> (8 * i)/|frame fields sent little-endian'
+  'common/byte_order.h|s/value >> \(8 \* \(size - 1 - i\)\)/value >> (8 * i)/|frame fields sent little-endian'
   'flashhost/flash_commands.cpp|s/const unsigned int kSectorsPerFastCommand = 4;/const unsigned int kSectorsPerFastCommand = 3;/|three sectors per command at 921600'
   'flashhost/flash_commands.cpp|s/return m_iBaud == kFastSectorRate \?/return m_iBaud >= kFastSectorRate ?/|classic link moves four sectors above 921600 too'
   'flashhost/flash_commands.cpp|s/block < end;/block <= end;/|erase runs one block past the range'
   'flashhost/flash_commands.cpp|s/memset\(m_partialBuf \+ bytes, kErasedByte/memset(m_partialBuf + bytes, 0x00/|last sector padded with zeros'
   'flashhost/flash_commands.cpp|s/if \(memcmp\(scratch \+ offset, expected \+ offset, bytes\) == 0\)/if (true)/|change check never finds a difference'
-  'flashhost/connection.cpp|s/kUploadRateCap = 921600;/kUploadRateCap = 3000000;/|boot-loader uploaded above 921600'
+  'flashhost/connection.cpp|s/kUploadRateCap = link_timing::kDefaultWorkingRate;/kUploadRateCap = 3000000;/|boot-loader uploaded above 921600'
   'serial/CCommU.cpp|s/const unsigned int kMaxReadLength = 8196;/const unsigned int kMaxReadLength = 8197;/|reply read limit one too high'
   'serial/CCommU.cpp|s/while \(sent < len\) \{/for (int once = 0; once < 1 \&\& sent < len; ++once) {/|a write taken in part is not finished'
   'serial/CCommU.cpp|s/if \(n < 0 && !WouldBlock\(errno\)\) \{\n        m_lineLost = true;\n        return kReadFailed;/if (false) {\n        return kReadFailed;/|a read error is taken for an idle line'

@@ -1,12 +1,12 @@
 // The serial port: a raw 8N1 line on a non-blocking descriptor, writes that hand
 // over every byte, and exact-length reads by polling (or, on the fast link, by
-// waiting on the line).
+// waiting on the line). It prints nothing: what went wrong (the open's errno, a
+// rate not in the table, a rate the device refused) is kept for the flash host,
+// which tells the user.
 #include "serial/CCommU.h"
 
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
-#include <cstring>
 #include <termios.h>
 #include <unistd.h>
 
@@ -31,30 +31,6 @@ bool WouldBlock(int error)
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
 
-void PrintRateList()
-{
-    printf("Baud should be one of the values below:\r\n");
-    for (int i = 0; i < kRateTableSize; ++i)
-        printf("%u ", name_arr[i]);
-    printf("\r\n\r\n");
-}
-
-// One line on the error stream after the open failure: what the system said and,
-// for the two causes users meet most, what to do about it. Standard output keeps
-// exactly the classic line.
-void ExplainOpenFailure(const char* path, int error)
-{
-    fprintf(stderr, "%s: %s\n", path, strerror(error));
-    if (error == EACCES)
-        fprintf(stderr, "hint: your user may not be in the group that owns %s (often "
-                        "dialout): sudo usermod -aG dialout $USER, then log in again\n",
-                path);
-    else if (error == EBUSY || error == EWOULDBLOCK)
-        fprintf(stderr, "hint: another program holds %s; close it (a terminal program, "
-                        "a modem manager, another kestrelQT_u) and try again\n",
-                path);
-}
-
 }  // namespace
 
 CCommU::CCommU() : iFd(0), iSpeed(0), iBaudRate(0), RecvBuf() {}
@@ -72,15 +48,17 @@ void CCommU::UsePort(BytePort* port)
     m_port = port ? port : &m_tty;
 }
 
-void CCommU::SetFastLink(bool on)
+void CCommU::SetLinkProfile(const LinkProfile& link)
 {
-    m_fastLink = on;
+    m_link = link;
 }
 
 void CCommU::SelectRate(unsigned int baud)
 {
     iSpeed = 0;
     iBaudRate = baud;
+    m_rateUnlisted = false;
+    m_rateRefused = false;
     for (int i = 0; i < kRateTableSize; ++i) {
         if (name_arr[i] == baud) {
             iSpeed = speed_arr[i];
@@ -88,9 +66,9 @@ void CCommU::SelectRate(unsigned int baud)
         }
     }
     // Not an error: the line goes on at the boot ROM's own rate.
-    PrintRateList();
+    m_rateUnlisted = true;
     iSpeed = B115200;
-    iBaudRate = 115200;
+    iBaudRate = link_timing::kBootRate;
 }
 
 void CCommU::set_termios(int fd, int speed)
@@ -100,13 +78,13 @@ void CCommU::set_termios(int fd, int speed)
 
 // Classic behaviour ignores whether the device took the rate. The fast link does
 // not: a line at another speed than the target's only produces garbage, so a rate
-// the adapter refuses is an error there, reported with the rate and the device.
-int CCommU::ApplyRate(const char* what)
+// the adapter refuses is an error there.
+int CCommU::ApplyRate()
 {
-    if (m_port->Configure(iSpeed, iBaudRate) == 0 || !m_fastLink)
+    if (m_port->Configure(iSpeed, iBaudRate) == 0 ||
+        m_link.ratePolicy == LinkProfile::kSilentFallback)
         return 0;
-    printf("ERR: %s: the serial port %s does not take %u bit/s!\r\n", what, strPortName.c_str(),
-           iBaudRate);
+    m_rateRefused = true;
     return -1;
 }
 
@@ -119,14 +97,11 @@ int CCommU::Uart_Init(char* path, unsigned int baud)
     iFd = m_port->Open(path);
     if (iFd < 0) {
         iOpenErrno = errno;
-        printf("ERR: can't open serial port:%s!\r\n", path);
-        fflush(stdout);
-        ExplainOpenFailure(path, iOpenErrno);
         return -1;
     }
-    if (m_fastLink)
+    if (m_link.lowLatency)
         m_port->SetLowLatency();
-    return ApplyRate("open");
+    return ApplyRate();
 }
 
 int CCommU::ChangeUartBaud(unsigned int baud)
@@ -134,7 +109,7 @@ int CCommU::ChangeUartBaud(unsigned int baud)
     SelectRate(baud);
     // Descriptor 0 means no device: never reconfigure whatever else sits there.
     if (iFd > 0)
-        return ApplyRate("speed change");
+        return ApplyRate();
     return 0;
 }
 
@@ -175,7 +150,7 @@ int CCommU::WriteMsg(unsigned char* buf, unsigned int len)
         // A driver that says it has room and then refuses again must not turn the
         // wait into a busy loop.
         if (++refusedInARow > 1)
-            usleep(1000);
+            usleep(link_timing::kWriteRefusedAgainPauseUs);
     }
     return static_cast<int>(len);
 }
@@ -227,7 +202,7 @@ unsigned int CCommU::ReadMsg(unsigned char* buf, unsigned int len)
         m_port->Flush();
         return kReadTimedOut;
     }
-    return m_fastLink ? ReadWaiting(buf, len) : ReadPolled(buf, len);
+    return m_link.fast ? ReadWaiting(buf, len) : ReadPolled(buf, len);
 }
 
 // At most 101 reads with a fixed sleep after each: about 0.5 s at 921600, 2 s at
@@ -278,7 +253,7 @@ void CCommU::DrainInput()
     unsigned char scratch[256];
     const unsigned int quietUs = link_timing::PollIntervalUs(iBaudRate);
     for (int round = 0; round < link_timing::kReplyPolls; ++round) {
-        if (m_fastLink) {
+        if (m_link.fast) {
             if (m_port->Wait(false, quietUs) <= 0)
                 return;  // quiet for one interval, or gone
         } else {

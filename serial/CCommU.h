@@ -1,8 +1,10 @@
 // The serial port: opens and configures the device as a raw 8N1 line, writes bytes,
-// and reads replies of a known length by polling. It knows nothing of frames.
+// and reads replies of a known length by polling. It knows nothing of frames and
+// prints nothing: the flash host reads what happened and tells the user.
 #pragma once
 #include <string>
 
+#include "common/link_profile.h"
 #include "serial/tty_port.h"
 
 // Size of the reply buffer that the flash host reads replies into: a 12-byte
@@ -34,16 +36,22 @@ public:
     // port is closed.
     void UsePort(BytePort* port);
 
-    // The fast link: replies are awaited by waiting on the line and read the moment
-    // they arrive (within the same total deadline as the polled reads), the
-    // adapter's low-latency mode is asked for, and a rate the adapter refuses is an
-    // error. Off by default; then every read, wait and result is the classic one.
-    void SetFastLink(bool on);
-    bool GetFastLink() const { return m_fastLink; }
+    // The serial part of the link profile: on the fast link replies are awaited by
+    // waiting on the line and read the moment they arrive (within the same total
+    // deadline as the polled reads); lowLatency asks the adapter's driver for its
+    // low-latency mode at the open; the rate policy says whether a rate the device
+    // refuses fails the call. The default profile is the classic link.
+    void SetLinkProfile(const LinkProfile& link);
 
     // True once a read or a write failed in a way the line does not recover from
     // (unplugged adapter, hang-up), until the next Uart_Init.
-    bool LineLost() const { return m_lineLost; }
+    bool LinkLost() const { return m_lineLost; }
+    // The last Uart_Init or ChangeUartBaud asked for a rate not in the table: the
+    // line went on at 115200.
+    bool RateUnlisted() const { return m_rateUnlisted; }
+    // The last Uart_Init or ChangeUartBaud failed because the device did not take
+    // the rate (only under kRefuseUnsupported).
+    bool RateRefused() const { return m_rateRefused; }
 
     // Reads and throws away whatever arrives until the line has been quiet for one
     // poll interval (bounded like ReadMsg), so that the rest of a reply that was
@@ -59,16 +67,17 @@ public:
 
 private:
     void SelectRate(unsigned int baud);
-    int ApplyRate(const char* what);
+    int ApplyRate();
     unsigned int ReadPolled(unsigned char* buf, unsigned int len);
     unsigned int ReadWaiting(unsigned char* buf, unsigned int len);
-    unsigned int PollIntervalUs() const;
     enum ReadOutcome { kReadData, kReadNothing, kReadFailed };
     ReadOutcome ReadSome(unsigned char* dest, unsigned int wanted, unsigned int* got);
     ReadOutcome ReadMore(unsigned char* buf, unsigned int len, unsigned int* received);
 
     TtyPort m_tty;
     BytePort* m_port = &m_tty;
-    bool m_fastLink = false;
+    LinkProfile m_link;
     bool m_lineLost = false;
+    bool m_rateUnlisted = false;
+    bool m_rateRefused = false;
 };

@@ -4,7 +4,9 @@
 #pragma once
 #include <cstdint>
 
-enum { kWalkBlockSize = 65536 };
+#include "common/flash_geometry.h"
+
+enum { kWalkBlockSize = flash_geometry::kUpgradeBlockSize };
 
 struct BlockPiece {
     uint32_t index;       // 0 for the first full block; `fullBlocks` for the tail

@@ -4,8 +4,7 @@
 #include <cstring>
 #include <vector>
 
-#include "common/run_report.h"
-
+#include "common/flash_geometry.h"
 #include "flashhost/CFlashHost.h"
 #include "image/image_format.h"
 #include "upgrade/file_region.h"
@@ -68,20 +67,19 @@ WriteCycle FirstBlockCycle(unsigned char* data, const std::vector<unsigned char>
 
 // The ETF bytes of the first block: K, or fewer when the file ends before the block
 // does. A file that cannot supply what its length promised aborts the run.
-int ReadFirstChunk(FILE* source, const std::string& path, const EtfPlan& plan,
+int ReadFirstChunk(UpgradeRun& run, FILE* source, const std::string& path, const EtfPlan& plan,
                    std::vector<unsigned char>& chunk)
 {
     const int64_t available = plan.sourceEnd - plan.sourceOffset;
     const uint32_t count = available < plan.firstChunk ? static_cast<uint32_t>(available)
                                                        : plan.firstChunk;
-    chunk.assign(count, 0xFF);
+    chunk.assign(count, flash_geometry::kErasedByte);
     if (!SeekTo(source, plan.sourceOffset)) {
-        std::printf("Failed to read image file: %s\n", path.c_str());
-        std::fflush(stdout);
-        run_report::NoteFailure(run_report::Outcome::kImage);
+        PrintImageReadFailure(path);
+        KeepFirstFailure(run.failure, FailureKind::kImage);
         return -1;
     }
-    return ReadImageBytes(source, chunk.data(), count, path);
+    return ReadImageBytes(run, source, chunk.data(), count, path);
 }
 
 }  // namespace
@@ -127,10 +125,10 @@ int WriteEtfImage(UpgradeRun& run, FILE* source, const std::string& path, const 
     std::fflush(stdout);
 
     std::vector<unsigned char> chunk;
-    if (ReadFirstChunk(source, path, plan, chunk) != 0)
+    if (ReadFirstChunk(run, source, path, plan, chunk) != 0)
         return -1;
     WriteCycle first = FirstBlockCycle(data, chunk, plan);
-    if (RunWriteCycle(first, data, run.compare.get()) != 0)
+    if (RunWriteCycle(first, data, run.compare.get(), run.failure) != 0)
         return -1;
 
     FileRegion region;

@@ -19,6 +19,6 @@ int WriteFileRegion(UpgradeRun& run, const FileRegion& region)
         cycle.region = region.region;
         cycle.regionDone = region.regionDone + static_cast<uint64_t>(piece.index) * kWalkBlockSize;
         cycle.regionTotal = region.regionTotal;
-        return RunWriteCycle(cycle, run.data.get(), run.compare.get());
+        return RunWriteCycle(cycle, run.data.get(), run.compare.get(), run.failure);
     });
 }

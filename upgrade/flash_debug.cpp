@@ -8,7 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/flash_geometry.h"
 #include "common/run_report.h"
+#include "common/setting_record.h"
 #include "common/stdio_file.h"
 #include "flashhost/CFlashHost.h"
 #include "upgrade/UpGrade.h"
@@ -16,12 +18,10 @@
 
 namespace {
 
-enum { kOpNone = 0, kOpRead = 1, kOpWrite = 2, kOpErase = 3, kOpCount = 4 };
+const char* const FlashDebugOp[kDebugOperationCount] = {"reserve", "read", "write", "erase"};
 
-const char* const FlashDebugOp[kOpCount] = {"reserve", "read", "write", "erase"};
-
-const unsigned int kBlockSize = kEraseBlockSize;  // one 64 KiB transfer buffer
-const unsigned char kErasedByte = 0xFF;
+const unsigned int kBlockSize = flash_geometry::kEraseBlockSize;  // one 64 KiB transfer buffer
+const unsigned char kErasedByte = flash_geometry::kErasedByte;
 
 typedef std::unique_ptr<unsigned char[]> BlockBuffer;
 
@@ -99,23 +99,25 @@ private:
     UniqueFile m_file;
 };
 
-int FailWith(run_report::Outcome outcome)
+int FailWith(FailureKind& failure, FailureKind kind)
 {
-    run_report::NoteFailure(outcome);
+    failure = kind;
     return CloseAndReturn(-1);
 }
 
-int ReadRange(unsigned int address, unsigned int length)
+// The read's file is a local file: one that cannot be made or written fails with
+// that class, not as a flash command.
+int ReadRange(unsigned int address, unsigned int length, FailureKind& failure)
 {
     char name[64];
     snprintf(name, sizeof name, "flash_A_0x%X_L_0x%X.bin", address, length);
     PendingFile file(name);
     if (!file.get()) {
         printf("Failed to create file: %s\n", name);
-        return FailWith(run_report::Outcome::kOther);
+        return FailWith(failure, FailureKind::kLocalFile);
     }
     BlockBuffer buffer = NewBlockBuffer();
-    run_report::Outcome failure = run_report::Outcome::kFlashCommand;
+    FailureKind kind = FailureKind::kFlashCommand;
     int result = ForEachBlock(address, length, [&](const BlockPiece& piece) {
         if (g_flashHost.ReadFlashLength(piece.address, buffer.get(), piece.size) != 0) {
             printf("Read failed: %s\n", g_flashHost.m_strMsg.c_str());
@@ -125,17 +127,17 @@ int ReadRange(unsigned int address, unsigned int length)
         // reporting success with a short file would lose data silently.
         if (fwrite(buffer.get(), 1, piece.size, file.get()) != piece.size) {
             printf("Failed to write file: %s\n", name);
-            failure = run_report::Outcome::kOther;
+            kind = FailureKind::kLocalFile;
             return -1;
         }
         run_report::Progress("debug", "read", static_cast<uint64_t>(piece.address - address) + piece.size, length);
         return 0;
     });
     if (result != 0)
-        return FailWith(failure);
+        return FailWith(failure, kind);
     if (!file.Commit()) {
         printf("Failed to write file: %s\n", name);
-        return FailWith(run_report::Outcome::kOther);
+        return FailWith(failure, FailureKind::kLocalFile);
     }
     printf("Read addr:0x%08X len:0x%08X OK!\n", address, length);
     printf("Data saved in file:%s\n", name);
@@ -143,26 +145,26 @@ int ReadRange(unsigned int address, unsigned int length)
 }
 
 // Nothing is erased first: the range must have been erased beforehand.
-int WriteRange(unsigned int address, unsigned int length, const char* path)
+int WriteRange(unsigned int address, unsigned int length, const char* path, FailureKind& failure)
 {
     printf("Write bin file:%s\n", path);
     UniqueFile file = OpenFile(path, "rb");
     if (!file) {
         printf("Failed to open file: %s\n", path);
-        return FailWith(run_report::Outcome::kImage);
+        return FailWith(failure, FailureKind::kImage);
     }
     if (!FileCoversLength(file.get(), length, path))
-        return FailWith(run_report::Outcome::kImage);
+        return FailWith(failure, FailureKind::kImage);
 
     BlockBuffer buffer = NewBlockBuffer();
-    run_report::Outcome failure = run_report::Outcome::kFlashCommand;
+    FailureKind kind = FailureKind::kFlashCommand;
     int result = ForEachBlock(address, length, [&](const BlockPiece& piece) {
         // Sectors go whole: the bytes after a tail that ends inside a sector are
         // the erased value, so the flash past the tail stays as it was.
         memset(buffer.get(), kErasedByte, kBlockSize);
         if (fread(buffer.get(), 1, piece.size, file.get()) != piece.size) {
             printf("Failed to read file: %s\n", path);
-            failure = run_report::Outcome::kImage;
+            kind = FailureKind::kImage;
             return -1;
         }
         if (g_flashHost.WriteFlashLength(piece.address, buffer.get(), piece.size) != 0) {
@@ -173,17 +175,17 @@ int WriteRange(unsigned int address, unsigned int length, const char* path)
         return 0;
     });
     if (result != 0)
-        return FailWith(failure);
+        return FailWith(failure, kind);
     file.reset();
     printf("Write addr:0x%08X len:0x%08X OK!\n", address, length);
     return CloseAndReturn(0);
 }
 
-int EraseRange(unsigned int address, unsigned int length)
+int EraseRange(unsigned int address, unsigned int length, FailureKind& failure)
 {
     if (g_flashHost.EraseFlashLength(address, length) != 0) {
         printf("Erase failed: %s\n", g_flashHost.m_strMsg.c_str());
-        return FailWith(run_report::Outcome::kFlashCommand);
+        return FailWith(failure, FailureKind::kFlashCommand);
     }
     printf("Erase addr:0x%08X len:0x%08X OK!\n", address, length);
     return CloseAndReturn(0);
@@ -191,10 +193,14 @@ int EraseRange(unsigned int address, unsigned int length)
 
 }  // namespace
 
-int FlashOperate(unsigned int op, unsigned int address, unsigned int length, char* file)
+int FlashOperate(unsigned int op, unsigned int address, unsigned int length, char* file,
+                 FailureKind* failure)
 {
-    if (op >= kOpCount) {
+    FailureKind unused = FailureKind::kNone;
+    FailureKind& kind = failure ? *failure : unused;
+    if (op >= kDebugOperationCount) {
         printf("Invalid operation code:%d\n", static_cast<int>(op));
+        kind = FailureKind::kOther;
         return -1;
     }
     printf("Debug op:%s\n", FlashDebugOp[op]);
@@ -204,20 +210,20 @@ int FlashOperate(unsigned int op, unsigned int address, unsigned int length, cha
     if (g_flashHost.SendUpgradeCmd() != 0)
         printf("%s", g_flashHost.m_strMsg.c_str());
     if (g_flashHost.OpenUart() != 0) {
-        // The flash host has recorded whether the port failed or the target.
-        run_report::NoteFailure(run_report::Outcome::kNoAnswer);
+        // The flash host tells whether the log, the port or the target failed.
+        kind = g_flashHost.m_failKind;
         printf("%s\n", g_flashHost.m_strMsg.c_str());
         return -1;
     }
     switch (op) {
-    case kOpRead:
-        return ReadRange(address, length);
-    case kOpWrite:
-        return WriteRange(address, length, file);
-    case kOpErase:
-        return EraseRange(address, length);
+    case kDebugRead:
+        return ReadRange(address, length, kind);
+    case kDebugWrite:
+        return WriteRange(address, length, file, kind);
+    case kDebugErase:
+        return EraseRange(address, length, kind);
     default:
-        printf("Invalid operation code:%d\n", kOpNone);
+        printf("Invalid operation code:%d\n", static_cast<int>(kDebugNone));
         return CloseAndReturn(0);
     }
 }

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "common/flash_geometry.h"
 #include "flashhost/CFlashHost.h"
 #include "upgrade/UpGrade.h"
 #include "upgrade/old_block.h"
@@ -150,23 +151,23 @@ void PrepareOtaFirstBlock(const OtaLayout& layout, unsigned char* block)
     if (layout.blocksCrossed == 0) {
         // The whole area lies in this block, and CheckOtaLayout made sure it holds
         // the header: the header, then 0xFF up to the end of the area.
-        std::memset(block + start, 0xFF, layout.size);
+        std::memset(block + start, flash_geometry::kErasedByte, layout.size);
         std::memcpy(block + start, OtaBuf, kOtaHeaderSize);
         return;
     }
     const uint32_t headerPart = std::min<uint32_t>(layout.room, kOtaHeaderSize);
-    std::memset(block + start, 0xFF, layout.room);
+    std::memset(block + start, flash_geometry::kErasedByte, layout.room);
     std::memcpy(block + start, OtaBuf, headerPart);
 }
 
 void PrepareOtaLastBlock(const OtaLayout& layout, unsigned char* block)
 {
-    std::memset(block, 0xFF, layout.end - layout.lastBlock);
+    std::memset(block, flash_geometry::kErasedByte, layout.end - layout.lastBlock);
 }
 
 uint32_t PrepareOtaRemainder(const OtaLayout& layout, unsigned char* block)
 {
-    std::memset(block, 0xFF, kUpgradeBlockSize);
+    std::memset(block, flash_geometry::kErasedByte, kUpgradeBlockSize);
     if (layout.firstShare >= kOtaHeaderSize)
         return 0;
     const uint32_t remainder = kOtaHeaderSize - layout.firstShare;
@@ -182,7 +183,7 @@ int WriteOtaArea(UpgradeRun& run, const OtaLayout& layout)
 
     WriteCycle first = OldContentCycle(layout.firstBlock, data, kFirstBlockTexts,
                                        kFirstBlockPercent, layout, PrepareOtaFirstBlock);
-    if (RunWriteCycle(first, data, compare) != 0)
+    if (RunWriteCycle(first, data, compare, run.failure) != 0)
         return -1;
     if (StopRequested())
         return -1;
@@ -191,7 +192,7 @@ int WriteOtaArea(UpgradeRun& run, const OtaLayout& layout)
     if (layout.blocksCrossed != 0) {
         WriteCycle last = OldContentCycle(layout.lastBlock, data, kLastBlockTexts,
                                           kLastBlockPercent, layout, PrepareOtaLastBlock);
-        if (RunWriteCycle(last, data, compare) != 0)
+        if (RunWriteCycle(last, data, compare, run.failure) != 0)
             return -1;
     }
     const uint32_t remainder = PrepareOtaRemainder(layout, data);
@@ -205,5 +206,5 @@ int WriteOtaArea(UpgradeRun& run, const OtaLayout& layout)
     tail.region = "ota";
     tail.regionTotal = layout.size;
     SetAllPercentages(tail, kRemainderPercent);
-    return RunWriteCycle(tail, data, compare);
+    return RunWriteCycle(tail, data, compare, run.failure);
 }

@@ -3,24 +3,30 @@
 #include <cstdio>
 #include <cstring>
 
-#include "common/run_report.h"
+#include "common/flash_geometry.h"
 
-int ReadImageBytes(FILE* file, unsigned char* dest, uint32_t count, const std::string& path)
+int ReadImageBytes(UpgradeRun& run, FILE* file, unsigned char* dest, uint32_t count,
+                   const std::string& path)
 {
     if (std::fread(dest, 1, count, file) == count)
         return 0;
-    std::printf("Failed to read image file: %s\n", path.c_str());
-    std::fflush(stdout);
-    run_report::NoteFailure(run_report::Outcome::kImage);
+    PrintImageReadFailure(path);
+    KeepFirstFailure(run.failure, FailureKind::kImage);
     return -1;
 }
 
 int LoadBlockFromFile(UpgradeRun& run, FILE* file, uint32_t count, const std::string& path)
 {
-    std::memset(run.data.get(), 0xFF, kUpgradeBlockSize);
+    std::memset(run.data.get(), flash_geometry::kErasedByte, kUpgradeBlockSize);
     if (count > kUpgradeBlockSize)
         count = kUpgradeBlockSize;
-    return ReadImageBytes(file, run.data.get(), count, path);
+    return ReadImageBytes(run, file, run.data.get(), count, path);
+}
+
+void PrintImageReadFailure(const std::string& path)
+{
+    std::printf("Failed to read image file: %s\n", path.c_str());
+    std::fflush(stdout);
 }
 
 bool IsCombinedImagePath(const std::string& path)

@@ -17,6 +17,7 @@ struct UpgradeRun {
     uint32_t mainLength = 0;       // bytes of the main image, from the start of mainFile
     std::unique_ptr<unsigned char[]> data;     // what the next write cycle puts into flash
     std::unique_ptr<unsigned char[]> compare;  // what a check or read-back found in flash
+    FailureKind failure = FailureKind::kNone;  // the cause, once the run fails
 };
 
 // Fills the whole data buffer with 0xFF, the erased value, then reads exactly
@@ -24,13 +25,18 @@ struct UpgradeRun {
 // end of the last 512-byte sector that the flash host sends is 0xFF and flash past
 // the end of an image stays erased. A file that cannot supply all `count` bytes
 // (read error, or shortened since it was parsed) is never programmed with erased
-// bytes in their place: "Failed to read image file: PATH" is printed and the
-// result is -1, which aborts the run.
+// bytes in their place: "Failed to read image file: PATH" is printed, the run's
+// failure is an image failure, and the result is -1, which aborts the run.
 int LoadBlockFromFile(UpgradeRun& run, FILE* file, uint32_t count, const std::string& path);
 
 // Reads exactly `count` bytes of the file into `dest`; on a short read or error
-// prints "Failed to read image file: PATH" and returns -1.
-int ReadImageBytes(FILE* file, unsigned char* dest, uint32_t count, const std::string& path);
+// prints "Failed to read image file: PATH", records an image failure in the run
+// and returns -1.
+int ReadImageBytes(UpgradeRun& run, FILE* file, unsigned char* dest, uint32_t count,
+                   const std::string& path);
+
+// Prints "Failed to read image file: PATH" at once.
+void PrintImageReadFailure(const std::string& path);
 
 // True when the path names a combined image: its last five characters are ".cimg".
 bool IsCombinedImagePath(const std::string& path);

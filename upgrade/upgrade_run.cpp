@@ -8,9 +8,10 @@
 #include <vector>
 
 #include "common/byte_order.h"
+#include "common/flash_geometry.h"
 #include "common/run_report.h"
 #include "flashhost/CFlashHost.h"
-#include "frontend/Setting.h"
+#include "common/setting_record.h"
 #include "image/FwParser.h"
 #include "image/image_format.h"
 #include "upgrade/UpGrade.h"
@@ -64,9 +65,9 @@ const unsigned char* FirstHeader(const FwParser& parser)
 
 // Steps before any connection: parse and open the main image (and the ETF image
 // when it is enabled). -1 ends the run at once.
-int ImageFailure()
+int ImageFailure(UpgradeRun& run)
 {
-    run_report::NoteFailure(run_report::Outcome::kImage);
+    KeepFirstFailure(run.failure, FailureKind::kImage);
     return -1;
 }
 
@@ -78,11 +79,11 @@ int OpenImages(UpgradeRun& run)
     run.mainFile = OpenFile(mainPath.c_str(), "rb");
     if (!run.mainFile) {
         std::printf("Failed to open image file: %s\n", mainPath.c_str());
-        return ImageFailure();
+        return ImageFailure(run);
     }
     if (!mainValid) {
         PrintLine("Invalid image!");
-        return ImageFailure();
+        return ImageFailure(run);
     }
     run.combined = IsCombinedImagePath(mainPath);
     PrintLine(run.combined ? "Combined image!!" : "not Combined image!!");
@@ -96,11 +97,11 @@ int OpenImages(UpgradeRun& run)
     run.etfFile = OpenFile(etfPath.c_str(), "rb");
     if (!run.etfFile) {
         std::printf("Failed to open etf image file: %s\n", etfPath.c_str());
-        return ImageFailure();
+        return ImageFailure(run);
     }
     if (!etfValid) {
         PrintLine("Invalid etf image!");
-        return ImageFailure();
+        return ImageFailure(run);
     }
     return 0;
 }
@@ -112,14 +113,14 @@ int MeasureMainImage(UpgradeRun& run)
     FILE* file = run.mainFile.get();
     const int64_t fileLength = FileLength(file);
     if (fileLength < 0 || !SeekTo(file, 0)) {
-        std::printf("Failed to read image file: %s\n", g_fwParser.GetFilePath().c_str());
-        return ImageFailure();
+        PrintImageReadFailure(g_fwParser.GetFilePath());
+        return ImageFailure(run);
     }
     // Flash addresses are 32-bit; a longer file cannot be placed.
     if (!run.combined && fileLength > 0xFFFFFFFFll) {
         std::printf("Failed to program image file: %s is larger than 4 GiB\n",
                     g_fwParser.GetFilePath().c_str());
-        return ImageFailure();
+        return ImageFailure(run);
     }
     run.mainLength = run.combined ? ImageSectionsLength(g_fwParser)
                                   : static_cast<uint32_t>(fileLength);
@@ -149,7 +150,7 @@ int PlanPhases(UpgradeRun& run, PhasePlan& plan)
         plan.otaLayout = ComputeOtaLayout(otaAddress, OtaAreaSize(otaSizeWord));
         if (CheckOtaLayout(plan.otaLayout, why) != 0) {
             PrintLine(why);
-            return ImageFailure();
+            return ImageFailure(run);
         }
     }
 
@@ -167,11 +168,11 @@ int PlanPhases(UpgradeRun& run, PhasePlan& plan)
     if (source.end < 0) {
         std::printf("Failed to read etf image file: %s\n",
                     (run.combined ? g_fwParser : g_etfFwParser).GetFilePath().c_str());
-        return ImageFailure();
+        return ImageFailure(run);
     }
     if (PlanEtfImage(otaSizeWord, otaAddress, source, plan.etfPlan, why) != 0) {
         PrintLine(why);
-        return ImageFailure();
+        return ImageFailure(run);
     }
     return 0;
 }
@@ -209,10 +210,10 @@ int ProgramFlash(UpgradeRun& run, const PhasePlan& plan)
     return 0;
 }
 
-void AbortRun()
+void AbortRun(UpgradeRun& run)
 {
     if (StopRequested()) {
-        run_report::NoteFailure(run_report::Outcome::kStopped);
+        KeepFirstFailure(run.failure, FailureKind::kStopped);
         PrintLine("User stoped!");
     }
     g_flashHost.Close();
@@ -233,14 +234,14 @@ void ConnectAndProgram(UpgradeRun& run, const PhasePlan& plan)
     std::printf("%d%%: Opening com...\n", 3);
     std::fflush(stdout);
     if (g_flashHost.OpenUart() != 0) {
-        // The flash host has recorded whether the port failed or the target.
-        run_report::NoteFailure(run_report::Outcome::kNoAnswer);
+        // The flash host tells whether the log, the port or the target failed.
+        KeepFirstFailure(run.failure, g_flashHost.m_failKind);
         PrintLine(g_flashHost.m_strMsg);
-        AbortRun();
+        AbortRun(run);
         return;
     }
     if (ProgramFlash(run, plan) != 0) {
-        AbortRun();
+        AbortRun(run);
         return;
     }
     g_flashHost.Close();
@@ -249,18 +250,14 @@ void ConnectAndProgram(UpgradeRun& run, const PhasePlan& plan)
     std::fflush(stdout);
 }
 
-}  // namespace
-
-// The result is always null: the outcome is in g_iUpdateStatus.
-void* UpGradeThread(void*)
+// Everything from the images to the end of the connection; leaves the status and,
+// after a failure, its class in the run.
+void RunUpgrade(UpgradeRun& run)
 {
-    g_iUpdateStatus = kStatusRunning;
-    run_report::Start(g_flashHost.GetComNum(), g_flashHost.GetBaud(), ImagePaths());
-    UpgradeRun run;
     PhasePlan plan;
     if (OpenImages(run) != 0 || MeasureMainImage(run) != 0 || PlanPhases(run, plan) != 0) {
         g_iUpdateStatus = kStatusFailed;
-        return nullptr;
+        return;
     }
     run.compare.reset(new unsigned char[kUpgradeBlockSize]);
     run.data.reset(new unsigned char[kUpgradeBlockSize]);
@@ -269,11 +266,26 @@ void* UpGradeThread(void*)
         std::printf("%s", g_flashHost.m_strMsg.c_str());
         std::fflush(stdout);
     }
-    std::memset(run.data.get(), 0xFF, kUpgradeBlockSize);
-    std::memset(run.compare.get(), 0xFF, kUpgradeBlockSize);
+    std::memset(run.data.get(), flash_geometry::kErasedByte, kUpgradeBlockSize);
+    std::memset(run.compare.get(), flash_geometry::kErasedByte, kUpgradeBlockSize);
 
     ConnectAndProgram(run, plan);
     // Every run that reached the connection leaves the stop flag set.
     g_flashHost.SetStopUpdate();
+}
+
+}  // namespace
+
+// The result is always null: the outcome is in g_iUpdateStatus and, when the
+// driver hands one in, the failure's class in its UpgradeOutcome.
+void* UpGradeThread(void* arg)
+{
+    UpgradeOutcome* outcome = static_cast<UpgradeOutcome*>(arg);
+    g_iUpdateStatus = kStatusRunning;
+    run_report::Start(g_flashHost.GetComNum(), g_flashHost.GetBaud(), ImagePaths());
+    UpgradeRun run;
+    RunUpgrade(run);
+    if (outcome)
+        outcome->failure = run.failure;
     return nullptr;
 }

@@ -5,14 +5,14 @@
 #include <unistd.h>
 
 #include "common/run_report.h"
+#include "common/setting_record.h"
 #include "flashhost/CFlashHost.h"
-#include "frontend/Setting.h"
 
 namespace {
 
 // The speed the last attempt falls back to, and the only speed it falls back from.
-constexpr unsigned int kFastBaud = 921600;
-constexpr unsigned int kSafeBaud = 115200;
+constexpr unsigned int kFallBackFromBaud = link_timing::kDefaultWorkingRate;
+constexpr unsigned int kSafeBaud = link_timing::kBootRate;
 
 enum AttemptResult { kAttemptDone, kAttemptFailed, kAttemptStopped };
 
@@ -53,30 +53,6 @@ bool BeginStep(const WriteCycle& cycle, CycleStep step)
     return true;
 }
 
-// The change check. The classic link reads the whole range, then compares; the
-// fast link compares each command's piece as it arrives and stops at the first
-// difference, since the range is rewritten anyway.
-int CheckFlash(const WriteCycle& cycle, unsigned char* data, unsigned char* compare, int* differs)
-{
-    if (g_flashHost.GetFastLink())
-        return g_flashHost.CompareFlashLength(cycle.address, data, cycle.length, compare, differs);
-    if (g_flashHost.ReadFlashLength(cycle.address, compare, cycle.length) != 0)
-        return -1;
-    *differs = std::memcmp(data, compare, cycle.length) != 0;
-    return 0;
-}
-
-// Every write of a cycle goes into erased flash (erased by this attempt, or already
-// erased for the cycles without an erase step). The fast link does not send the
-// sectors that are all 0xFF: erased flash already holds them, and read-back still
-// compares them.
-int WriteErasedFlash(const WriteCycle& cycle, unsigned char* data)
-{
-    if (g_flashHost.GetFastLink())
-        return g_flashHost.WriteFlashLengthAfterErase(cycle.address, data, cycle.length);
-    return g_flashHost.WriteFlashLength(cycle.address, data, cycle.length);
-}
-
 struct Attempt {
     AttemptResult result;
     CycleStep failedStep;
@@ -104,7 +80,7 @@ Attempt RunAttempt(const WriteCycle& cycle, unsigned char* data, unsigned char* 
             if (!BeginStep(cycle, kStepCheck))
                 return Stopped();
             int differs = 0;
-            if (CheckFlash(cycle, data, compare, &differs) != 0)
+            if (g_flashHost.CheckFlashLength(cycle.address, data, cycle.length, compare, &differs) != 0)
                 return Fail(cycle, kStepCheck);
             if (!differs)
                 return Done();  // flash already holds the data: nothing to erase or write
@@ -116,7 +92,9 @@ Attempt RunAttempt(const WriteCycle& cycle, unsigned char* data, unsigned char* 
     }
     if (!BeginStep(cycle, kStepWrite))
         return Stopped();
-    if (WriteErasedFlash(cycle, data) != 0)
+    // Every write of a cycle goes into erased flash (erased by this attempt, or
+    // already erased for the cycles without an erase step).
+    if (g_flashHost.WriteErasedFlashLength(cycle.address, data, cycle.length) != 0)
         return Fail(cycle, kStepWrite);
     if (!g_Setting.bReadAndCheck)
         return Done();
@@ -135,7 +113,7 @@ Attempt RunAttempt(const WriteCycle& cycle, unsigned char* data, unsigned char* 
 // the switch is attempted blindly, the attempt itself shows whether the link works.
 void FallBackToSafeSpeed()
 {
-    if (g_flashHost.GetBaud() != kFastBaud)
+    if (g_flashHost.GetBaud() != kFallBackFromBaud)
         return;
     g_flashHost.SetBaud(kSafeBaud);
     g_flashHost.ChangeUartBaud();
@@ -143,10 +121,9 @@ void FallBackToSafeSpeed()
 
 // The class of a cycle that used up its attempts: a compare that kept finding
 // differences is a verify failure, anything else a failing flash command.
-run_report::Outcome FailureClass(CycleStep lastFailedStep)
+FailureKind FailureClass(CycleStep lastFailedStep)
 {
-    return lastFailedStep == kStepVerify ? run_report::Outcome::kVerify
-                                         : run_report::Outcome::kFlashCommand;
+    return lastFailedStep == kStepVerify ? FailureKind::kVerify : FailureKind::kFlashCommand;
 }
 
 }  // namespace
@@ -191,7 +168,8 @@ void DescribeTail(WriteCycle& cycle, uint32_t length, const StepText* texts)
         cycle.percent[step] = 90 + (step - kStepCheck);
 }
 
-int RunWriteCycle(const WriteCycle& cycle, unsigned char* data, unsigned char* compare)
+int RunWriteCycle(const WriteCycle& cycle, unsigned char* data, unsigned char* compare,
+                  FailureKind& failure)
 {
     CycleStep lastFailed = kStepPrepare;
     for (int attempt = 1; attempt <= kWriteAttempts; ++attempt) {
@@ -211,14 +189,14 @@ int RunWriteCycle(const WriteCycle& cycle, unsigned char* data, unsigned char* c
         // An unplugged adapter does not come back on the same descriptor: further
         // attempts could only fail the same way, seconds later.
         if (g_flashHost.LinkLost()) {
-            run_report::NoteFailure(run_report::Outcome::kNoAnswer);
+            KeepFirstFailure(failure, FailureKind::kNoAnswer);
             return -1;
         }
         usleep(link_timing::kWriteCycleRetryPauseUs);
         if (attempt == kWriteAttempts)
-            run_report::NoteFailure(FailureClass(lastFailed));
+            KeepFirstFailure(failure, FailureClass(lastFailed));
     }
     if (StopRequested())
-        run_report::NoteFailure(run_report::Outcome::kStopped);
+        KeepFirstFailure(failure, FailureKind::kStopped);
     return -1;
 }

@@ -5,10 +5,12 @@
 #include <cstdint>
 #include <functional>
 
+#include "common/failure_kind.h"
+#include "common/flash_geometry.h"
 #include "common/link_timing.h"
 
 enum {
-    kUpgradeBlockSize = 65536,  // erase block, and the size of both run buffers
+    kUpgradeBlockSize = flash_geometry::kUpgradeBlockSize,  // and the size of both run buffers
     kWriteAttempts = link_timing::kWriteCycleAttempts,
 };
 
@@ -48,8 +50,10 @@ bool StopRequested();
 
 // Runs the cycle on the run's data buffer (what is to be written) and compare buffer
 // (what is read back). 0 when flash holds the data; -1 when the run must abort: a
-// stop was requested or all five attempts failed.
-int RunWriteCycle(const WriteCycle& cycle, unsigned char* data, unsigned char* compare);
+// stop was requested or all five attempts failed, and `failure` (unless it already
+// holds one) says which: stopped, the link lost, verify or a flash command.
+int RunWriteCycle(const WriteCycle& cycle, unsigned char* data, unsigned char* compare,
+                  FailureKind& failure);
 
 // Percentage of step `step` (0 check and erase, 1 write, 2 read, 3 verify) of full
 // block `index` (from 0) out of `total`: 10 + (80*index + 20*step) / total, worked

@@ -2,6 +2,8 @@
 // served (by the uploaded boot-loader or by the boot ROM), the failure texts, and
 // that every failure gives the device back.
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "tests/flashhost/host_fixture.h"
 
@@ -108,6 +110,7 @@ TEST(BringUpFailures, EachFailureLeavesItsTextAndClosesThePort)
         side.host.SetBaud(921600);
         EXPECT_EQ(-1, side.host.OpenUart());
         EXPECT_EQ(c.text, side.host.m_strMsg);
+        EXPECT_EQ(FailureKind::kNoAnswer, side.host.m_failKind) << "kept through the close";
         EXPECT_FALSE(side.link.open) << "the port was left open";
 
         std::string log = ReadText(g_Setting.strLogFile);
@@ -126,6 +129,7 @@ TEST(BringUpFailures, MissingDeviceIsAnOpenErrorForTheConnectionAndTheUpgradeTex
     host.SetComNum(dir.File("no-such-tty"));
     CapturedStdout([&] { EXPECT_EQ(-1, host.OpenUart()); });
     EXPECT_EQ("Open uart error!", host.m_strMsg);
+    EXPECT_EQ(FailureKind::kPortOpen, host.m_failKind);
     std::string log = ReadText(g_Setting.strLogFile);
     EXPECT_TRUE(Has(log, "]Open uart...\n")) << log;
     EXPECT_TRUE(Has(log, "]Open uart error!\n")) << log;
@@ -134,6 +138,92 @@ TEST(BringUpFailures, MissingDeviceIsAnOpenErrorForTheConnectionAndTheUpgradeTex
     host.m_strMsg.clear();
     CapturedStdout([&] { EXPECT_EQ(-1, host.SendUpgradeCmd()); });
     EXPECT_EQ("Open uart error!", host.m_strMsg);
+}
+
+// A log whose folder cannot be made stops the connection before the port is
+// touched: a local file's failure, and the text stays what it was.
+TEST(BringUpFailures, ALogFolderThatCannotBeMadeIsALocalFileFailure)
+{
+    TempDir dir;
+    WriteText(dir.File("plain"), "not a folder");
+    g_Setting.bLogLevel = 1;
+    CopySettingText(g_Setting.strLogFile, dir.File("plain/log/log.txt").c_str());
+    HostAndLink side;
+    side.host.m_strMsg = "earlier text";
+    const std::string out = CapturedStdout([&] { EXPECT_EQ(-1, side.host.OpenUart()); });
+    g_Setting.bLogLevel = 0;
+    EXPECT_TRUE(Has(out, "Failed to create folder!\n")) << out;
+    EXPECT_EQ(FailureKind::kLocalFile, side.host.m_failKind);
+    EXPECT_EQ("earlier text", side.host.m_strMsg);
+    EXPECT_FALSE(side.link.open);
+}
+
+// The port reports what it found; the flash host prints it, on the streams and in
+// the words the user has always seen.
+TEST(BringUpTexts, WhatThePortFoundIsPrintedByTheHost)
+{
+    struct OpenCase {
+        int error;
+        const char* hint;
+    };
+    for (const OpenCase& c : {OpenCase{ENOENT, nullptr}, OpenCase{EACCES, "dialout"},
+                              OpenCase{EBUSY, "another program"}, OpenCase{EWOULDBLOCK, "another program"}}) {
+        SCOPED_TRACE(c.error);
+        HostAndLink side;
+        side.link.openErrno = c.error;
+        testing::internal::CaptureStderr();
+        const std::string out = CapturedStdout([&] { EXPECT_EQ(-1, side.host.OpenUart()); });
+        const std::string err = testing::internal::GetCapturedStderr();
+        EXPECT_EQ("ERR: can't open serial port:sim!\r\n", out);
+        EXPECT_NE(std::string::npos, err.find(strerror(c.error))) << err;
+        EXPECT_EQ(c.hint != nullptr, c.hint && err.find(c.hint) != std::string::npos) << err;
+    }
+
+    LinkProfile fast;
+    fast.fast = true;
+    fast.ratePolicy = LinkProfile::kRefuseUnsupported;
+    HostAndLink refusing;
+    refusing.host.SetLinkProfile(fast);
+    refusing.link.refusedRates = {921600};
+    refusing.host.SetBaud(921600);
+    const std::string refused = CapturedStdout([&] { EXPECT_EQ(-1, refusing.host.OpenUart()); });
+    EXPECT_EQ(0u, refused.find("ERR: speed change: the serial port sim does not take 921600 bit/s!\r\n"))
+        << refused;
+    EXPECT_EQ("Change uart baud error!", refusing.host.m_strMsg);
+    EXPECT_EQ(FailureKind::kNoAnswer, refusing.host.m_failKind);
+
+    HostAndLink unlisted;
+    unlisted.link.HangUpAtSync(2);  // the handshake at the new speed: no need to wait it out
+    unlisted.host.SetBaud(500000);
+    const std::string list = CapturedStdout([&] { unlisted.host.OpenUart(); });
+    EXPECT_EQ(0u, list.find("Baud should be one of the values below:\r\n110 300 600 1200 2400 4800 "
+                            "9600 19200 38400 57600 115200 230400 921600 "))
+        << list;
+}
+
+// The identifier read at the connection, and the capacity its last byte gives.
+TEST(BringUp, TheFlashIdentifierGivesTheCapacity)
+{
+    struct IdCase {
+        Bytes id;
+        uint64_t capacity;
+    };
+    const IdCase cases[] = {
+        {{0xC8, 0x40, 0x16}, 4u << 20}, {{0xEF, 0x40, 0x10}, 65536},  {{0xEF, 0x40, 0x1C}, 1u << 28},
+        {{0xEF, 0x40, 0x0F}, 0},        {{0xEF, 0x40, 0x1D}, 0},      {{0xFF, 0xFF, 0xFF}, 0},
+    };
+    for (const IdCase& c : cases) {
+        SCOPED_TRACE(ToHex(c.id));
+        EXPECT_EQ(c.capacity, flash_geometry::FlashCapacityFromId(c.id.data(), c.id.size()));
+        ksim::TargetConfig config = RomServesFlash();
+        config.flashId = c.id;
+        HostAndLink side(config);
+        side.host.SetBaud(115200);
+        ASSERT_EQ(0, side.host.OpenUart()) << side.host.m_strMsg;
+        EXPECT_EQ(c.id, Bytes(side.host.FlashId(), side.host.FlashId() + side.host.FlashIdLength()));
+        EXPECT_EQ(c.capacity, side.host.FlashCapacity());
+    }
+    EXPECT_EQ(0u, flash_geometry::FlashCapacityFromId(nullptr, 0));
 }
 
 TEST_F(HostOnSim, CloseReturnsTheTargetTo115200AndKeepsTheText)

@@ -137,3 +137,51 @@ TEST_F(HostOnSim, FirstFailingCommandEndsTheOperation)
 }
 
 }  // namespace
+
+namespace {
+
+// The two operations whose variant the link profile picks inside the flash host.
+// The change check: the classic link reads the whole range; the fast one stops at
+// the first command whose piece differs. The write into erased flash: the classic
+// link sends every sector, the fast one skips sectors that are all 0xFF. Either
+// way the answer and the flash are the same.
+TEST_F(HostOnSim, TheLinkProfileChoosesHowTheChangeCheckAndTheErasedWriteGo)
+{
+    struct Case {
+        bool fast;
+        size_t checkReads;   // read commands of a 16 KiB check that differs in its first piece
+        size_t writeCommands;  // write commands for 16 KiB whose middle 8 KiB are 0xFF
+    };
+    Bytes data(16384, 0xFF);
+    for (size_t i = 0; i < 4096; ++i) {
+        data[i] = static_cast<unsigned char>(i * 3 + 1);
+        data[12288 + i] = static_cast<unsigned char>(i * 5 + 2);
+    }
+    for (const Case& c : {Case{false, 8, 8}, Case{true, 1, 4}}) {
+        SCOPED_TRACE(c.fast ? "fast link" : "classic link");
+        LinkProfile profile;
+        profile.fast = c.fast;
+        host.SetLinkProfile(profile);
+        Connect(921600);
+        ASSERT_EQ(0, host.EraseFlashLength(0x40000, 0x10000)) << host.m_strMsg;
+        link.ClearRecord();
+
+        Bytes scratch(data.size());
+        int differs = 0;
+        ASSERT_EQ(0, host.CheckFlashLength(0x40000, data.data(), 16384, scratch.data(), &differs));
+        EXPECT_EQ(1, differs);
+        EXPECT_EQ(c.checkReads, link.CommandsWith(0x1A).size());
+
+        link.ClearRecord();
+        ASSERT_EQ(0, host.WriteErasedFlashLength(0x40000, data.data(), 16384)) << host.m_strMsg;
+        EXPECT_EQ(c.writeCommands, link.CommandsWith(0x1B).size());
+        EXPECT_TRUE(link.Flash(0x40000, 16384) == data);
+
+        ASSERT_EQ(0, host.CheckFlashLength(0x40000, data.data(), 16384, scratch.data(), &differs));
+        EXPECT_EQ(0, differs) << "what was written reads back the same";
+        host.Close();
+    }
+    host.SetLinkProfile(LinkProfile());
+}
+
+}  // namespace

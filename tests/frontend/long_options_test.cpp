@@ -63,7 +63,11 @@ TEST(ExitCodes, OnlyWithTheOptionDoesTheStatusTellTheOutcome)
         {"combine, image missing", {"-D", "n", "-g", "1", "-i", "none.img"}, 255, 3},
         {"upgrade, image missing", {"-D", "n", "-i", "none.img"}, 0, 3},
         {"upgrade, device missing", {"-D", "n", "-i", "main.img", "-c", "/nonexistent/tty"}, 0, 4},
+        // The log's folder cannot be made (its parent is a file): a local file, not "no answer".
+        {"debug road, log folder", {"-D", "r", "-d", "1", "-l", "plain/log.txt", "-c", "/none/tty"}, 255, 9},
+        {"upgrade, log folder", {"-D", "n", "-i", "main.img", "-d", "1", "-l", "plain/log.txt", "-c", "/none/tty"}, 0, 9},
     };
+    WriteText(dir.File("plain"), "a file, not a folder");
     ImageSpec spec;
     spec.sections.resize(1);
     spec.sections[0].data.assign(1000, 0x5A);

@@ -12,14 +12,6 @@ namespace {
 
 const unsigned int kTimedOut = 0xFFFFFFFFu;
 
-std::string RateList()
-{
-    std::string text = "Baud should be one of the values below:\r\n";
-    for (int i = 0; i < kRateTableSize; ++i)
-        text += std::to_string(name_arr[i]) + " ";
-    return text + "\r\n\r\n";
-}
-
 // The code under test opens the slave side of a pseudo-terminal by its path; the
 // test plays the other end of the line on the master.
 class SerialPortTest : public ::testing::Test {
@@ -87,7 +79,8 @@ TEST_F(SerialPortTest, OpensARawNonBlockingLineWithOneStopBitAndNoParity)
     port.UART_Close();
 }
 
-// A rate outside the table prints the list of rates and falls back to 115200.
+// A rate outside the table is reported (the flash host prints the list of rates)
+// and falls back to 115200.
 TEST_F(SerialPortTest, RatesSelectTheirSpeedConstantOrFallBackTo115200)
 {
     struct RateCase {
@@ -109,13 +102,12 @@ TEST_F(SerialPortTest, RatesSelectTheirSpeedConstantOrFallBackTo115200)
         int result = -1;
         std::string out = CapturedStdout([&] { result = Open(port, c.rate); });
         ASSERT_EQ(0, result);
-        EXPECT_EQ(c.rate == c.used ? "" : RateList(), out);
+        EXPECT_EQ("", out);
+        EXPECT_EQ(c.rate != c.used, port.RateUnlisted());
         EXPECT_EQ(c.used, port.iBaudRate);
         EXPECT_EQ(c.speed, OutputSpeed(port.iFd));
         port.UART_Close();
     }
-    EXPECT_EQ(0u, RateList().find("Baud should be one of the values below:\r\n110 300 600 1200 "
-                                  "2400 4800 9600 19200 38400 57600 115200 230400 921600 "));
 }
 
 TEST_F(SerialPortTest, ChangeUartBaudMovesAnOpenPortAndDiscardsWaitingInput)
@@ -128,7 +120,8 @@ TEST_F(SerialPortTest, ChangeUartBaudMovesAnOpenPortAndDiscardsWaitingInput)
     EXPECT_EQ(230400u, port.iBaudRate);
     EXPECT_EQ(static_cast<speed_t>(B230400), OutputSpeed(port.iFd));
     EXPECT_TRUE(InputEmpty(port.iFd));
-    EXPECT_EQ(RateList(), CapturedStdout([&] { EXPECT_EQ(0, port.ChangeUartBaud(12345)); }));
+    EXPECT_EQ(0, port.ChangeUartBaud(12345));
+    EXPECT_TRUE(port.RateUnlisted());
     EXPECT_EQ(115200u, port.iBaudRate);
     port.UART_Close();
 
@@ -197,9 +190,9 @@ TEST_F(SerialPortTest, SecondOpenOfALockedDeviceFailsAtOnce)
     CCommU first, second;
     ASSERT_EQ(0, Open(first, 115200));
     int result = 0;
-    EXPECT_EQ("ERR: can't open serial port:" + path + "!\r\n",
-              CapturedStdout([&] { result = Open(second, 115200); }));
+    EXPECT_EQ("", CapturedStdout([&] { result = Open(second, 115200); }));
     EXPECT_EQ(-1, result);
+    EXPECT_NE(0, second.iOpenErrno);
     EXPECT_LT(second.iFd, 0);
     second.UART_Close();
     EXPECT_EQ(0, second.iFd);

@@ -130,7 +130,7 @@ TEST(SimLoop, VanishClosesTheDeviceAndEndsTheSimulator)
     EXPECT_TRUE(WaitUntilGone(link));
     unsigned char reply[12];
     EXPECT_NE(0u, port.ReadMsg(reply, sizeof reply));
-    EXPECT_TRUE(port.LineLost());
+    EXPECT_TRUE(port.LinkLost());
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "serial/memory_port.h"
+#include "tests/support/memory_port.h"
 #include "sim/sim_target.h"
 #include "tests/support/process.h"
 

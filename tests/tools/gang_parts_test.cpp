@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <sys/stat.h>
 
+#include "common/failure_kind.h"
 #include "common/run_event_names.h"
 #include "common/run_report.h"
 #include "frontend/run_sinks.h"
@@ -205,7 +206,7 @@ TEST(GangPlan, EachBoardHasAFolderUnderTheLogDirElseUnderTheReportsFolder)
 // The tool's JSON writer and the gang agree on every word.
 TEST(GangSchema, TheToolsJsonLinesUseTheSharedNames)
 {
-    static_assert(run_event::kExitStopped == static_cast<int>(run_report::Outcome::kStopped), "stopped status");
+    static_assert(run_event::kExitStopped == static_cast<int>(FailureKind::kStopped), "stopped status");
     using namespace run_event;
     std::FILE* out = std::tmpfile();
     ASSERT_NE(nullptr, out);

@@ -1,4 +1,4 @@
-#include "serial/memory_port.h"
+#include "tests/support/memory_port.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -73,7 +73,6 @@ long MemoryPort::Read(unsigned char* buf, size_t len)
 
 long MemoryPort::Write(const unsigned char* buf, size_t len)
 {
-    ++writeCalls;
     if (int e = NextError(writeErrors)) {
         errno = e;
         return -1;

@@ -1,7 +1,8 @@
-// A byte port in memory, for tests and fuzzing: the bytes the target "sends" are
-// queued in advance, what the host writes is kept, and the faults of real adapters
-// can be injected: writes taken in pieces, EAGAIN while the FIFO is full, EINTR,
-// EIO after an unplug, a hang-up, a refused rate, an open that fails.
+// A byte port in memory, for tests and fuzzing (a test aid, never in the product):
+// the bytes the target "sends" are queued in advance, what the host writes is
+// kept, and the faults of real adapters can be injected: writes taken in pieces,
+// EAGAIN while the FIFO is full, EINTR, EIO after an unplug, a hang-up, a refused
+// rate, an open that fails.
 #pragma once
 #include <deque>
 #include <set>
@@ -25,7 +26,6 @@ public:
     // What happened.
     std::vector<unsigned char> written;
     size_t readCalls = 0;
-    size_t writeCalls = 0;
     unsigned int rate = 0;
     bool open = false;
 

@@ -1,0 +1,8 @@
+// The link profile of a run, from the settings record: built once by the driver
+// and handed to the flash host. Seam: the first-contact keys (reset sequence,
+// after action, auto-baud, rate ceiling) are read here into their profile fields.
+#pragma once
+#include "common/link_profile.h"
+#include "common/setting_record.h"
+
+LinkProfile BuildLinkProfile(const Setting& setting);
