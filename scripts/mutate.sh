@@ -13,10 +13,11 @@
 #
 #   scripts/mutate.sh [--quick] [--only N] [--from N]
 #   scripts/mutate.sh --sample N [--seed S] [--include-sim] [--skip ID,ID] [--list]
-#                     [--quick] [--only ID] [--from ID]
+#                     [--quick] [--only ID,ID] [--from ID]
 #     --quick        run the cases not labelled "slow" (seconds instead of minutes
 #                    per mutant); the score is then a lower bound
-#     --only N       just mutant N (1-based; with --sample, sample N)
+#     --only N       just mutant N (1-based; with --sample, sample N); a list N,N
+#                    runs those (the survivors of a quick run, say)
 #     --from N       mutants N and later (to finish an interrupted run)
 #     --sample N     N random mutants of common/ serial/ flashhost/ image/ upgrade/
 #                    frontend/ tools/ (whatever product folders the tree has: not
@@ -44,7 +45,7 @@ skip=
 usage() {
     echo "usage: scripts/mutate.sh [--quick] [--only N] [--from N]" >&2
     echo "       scripts/mutate.sh --sample N [--seed S] [--include-sim] [--skip ID,ID] [--list]" \
-         "[--quick] [--only ID] [--from ID]" >&2
+         "[--quick] [--only ID,ID] [--from ID]" >&2
     exit 2
 }
 while [ $# -gt 0 ]; do
@@ -60,7 +61,7 @@ while [ $# -gt 0 ]; do
         *) usage ;;
     esac
 done
-if ! [[ $sample =~ ^[0-9]+$ ]]; then
+if ! [[ $sample =~ ^[0-9]+$ && $from =~ ^[0-9]+$ && $only =~ ^[0-9]+(,[0-9]+)*$ ]]; then
     usage
 elif [ "$sample" -eq 0 ] && { [ "$list" = 1 ] || [ -n "$skip" ] || [ ${#sim[@]} -gt 0 ]; }; then
     usage
@@ -144,6 +145,11 @@ restore() {
     trap - INT TERM
 }
 
+# Whether mutant $1 is one --only and --from ask for.
+picked() {
+    [ "$1" -ge "$from" ] && { [ "$only" = 0 ] || [[ ",$only," == *",$1,"* ]]; }
+}
+
 killed=0
 survived=0
 stale=0
@@ -165,8 +171,7 @@ run_sample() {
     echo "sample of ${#rows[@]} mutants, seed $seed"
     for row in "${rows[@]}"; do
         IFS=$'\t' read -r id where change <<< "$row"
-        [ "$only" -ne 0 ] && [ "$only" -ne "$id" ] && continue
-        [ "$id" -lt "$from" ] && continue
+        picked "$id" || continue
         if [[ ",$skip," == *",$id,"* ]]; then
             echo "sample $id $change: skipped (marked equivalent)"
             skipped=$((skipped + 1))
@@ -194,8 +199,7 @@ run_list() {
     local i number change what
     for i in "${!mutants[@]}"; do
         number=$((i + 1))
-        [ "$only" -ne 0 ] && [ "$only" -ne "$number" ] && continue
-        [ "$number" -lt "$from" ] && continue
+        picked "$number" || continue
         IFS='|' read -r file change what <<< "${mutants[$i]}"
         save "$file"
         perl -0pi -e "$change" "$file"
@@ -233,8 +237,9 @@ if [ "$sample" -gt 0 ]; then
          "$skipped skipped as equivalent"
     if [ "$total" -gt 0 ]; then
         permille=$((1000 * killed / total))
-        echo "score: $((permille / 10)).$((permille % 10))% ($killed of $total, seed $seed)" \
-             "$([ "$quick" = 1 ] && echo "(quick cases only: a lower bound)")"
+        bound=
+        [ "$quick" = 1 ] && bound=" (quick cases only: a lower bound)"
+        echo "score: $((permille / 10)).$((permille % 10))% ($killed of $total, seed $seed)$bound"
     fi
 else
     echo "mutants: $total run, $killed killed, $survived survived, $stale stale or not building"
