@@ -1,16 +1,35 @@
 #!/usr/bin/env bash
-# Mutation testing by hand: each mutant below is a fault a developer could make
-# (a boundary, an off-by-one in sector or block arithmetic, a wrong constant, a
-# dropped check, swapped byte order, a missing close). The script applies one at a
-# time to the working tree, rebuilds incrementally in build/mutate, runs the suite
-# and restores the file. A mutant the suite notices is killed; one it does not is a
-# survivor. Prints every survivor and the score.
+# Mutation testing: each mutant is a fault a developer could make. The script
+# applies one at a time to the working tree, rebuilds incrementally in build/mutate,
+# runs the suite and restores the file. A mutant the suite notices is killed; one it
+# does not is a survivor; one that does not build says nothing and is not counted.
+# Prints every survivor and the score.
+#
+# Two sets of mutants. The hand-written list below holds the faults the suite's
+# authors had in mind (a boundary, an off-by-one in sector or block arithmetic, a
+# wrong constant, a dropped check, swapped byte order, a missing close). A sample
+# (--sample) draws faults nobody picked, at random from generic operators over the
+# product source (scripts/mutate_sample.py says which operators and how it draws).
 #
 #   scripts/mutate.sh [--quick] [--only N] [--from N]
-#     --quick   run the cases not labelled "slow" (seconds instead of minutes
-#               per mutant); the score is then a lower bound
-#     --only N  just mutant N (1-based)
-#     --from N  mutants N and later (to finish an interrupted run)
+#   scripts/mutate.sh --sample N [--seed S] [--include-sim] [--skip ID,ID] [--list]
+#                     [--quick] [--only ID,ID] [--from ID]
+#     --quick        run the cases not labelled "slow" (seconds instead of minutes
+#                    per mutant); the score is then a lower bound
+#     --only N       just mutant N (1-based; with --sample, sample N); a list N,N
+#                    runs those (the survivors of a quick run, say)
+#     --from N       mutants N and later (to finish an interrupted run)
+#     --sample N     N random mutants of common/ serial/ flashhost/ image/ upgrade/
+#                    frontend/ tools/ (whatever product folders the tree has: not
+#                    tests/, fuzz/, bench/ or sim/) instead of the hand-written list
+#     --seed S       the draw's seed (default 1). The same seed on the same tree
+#                    draws the same mutants; any edit to the product source may
+#                    change them all
+#     --include-sim  draw from the simulator's source too
+#     --list         print the drawn mutants (id, file:line, the change, the source
+#                    line) and stop: a person reads them to mark the equivalent ones
+#     --skip ID,ID   leave these samples out of the run and the score (mutants a
+#                    person judged equivalent: no test could tell them apart)
 set -uo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -18,14 +37,38 @@ build=$root/build/mutate
 quick=0
 only=0
 from=1
+sample=0
+seed=1
+sim=()
+list=0
+skip=
+usage() {
+    echo "usage: scripts/mutate.sh [--quick] [--only N] [--from N]" >&2
+    echo "       scripts/mutate.sh --sample N [--seed S] [--include-sim] [--skip ID,ID] [--list]" \
+         "[--quick] [--only ID,ID] [--from ID]" >&2
+    exit 2
+}
 while [ $# -gt 0 ]; do
     case $1 in
         --quick) quick=1; shift ;;
         --only) only=$2; shift 2 ;;
         --from) from=$2; shift 2 ;;
-        *) echo "usage: scripts/mutate.sh [--quick] [--only N] [--from N]" >&2; exit 2 ;;
+        --sample) sample=$2; shift 2 ;;
+        --seed) seed=$2; shift 2 ;;
+        --include-sim) sim=(--include-sim); shift ;;
+        --list) list=1; shift ;;
+        --skip) skip=$2; shift 2 ;;
+        *) usage ;;
     esac
 done
+if ! [[ $sample =~ ^[0-9]+$ && $from =~ ^[0-9]+$ && $only =~ ^[0-9]+(,[0-9]+)*$ ]]; then
+    usage
+elif [ "$sample" -eq 0 ] && { [ "$list" = 1 ] || [ -n "$skip" ] || [ ${#sim[@]} -gt 0 ]; }; then
+    usage
+fi
+if [ "$list" = 1 ]; then
+    exec python3 scripts/mutate_sample.py list --sample "$sample" --seed "$seed" "${sim[@]}"
+fi
 
 # file | perl substitution (applied once) | what the fault is
 mutants=(
@@ -72,26 +115,8 @@ passes() {
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE= >/dev/null
 cmake --build "$build" -j2 >/dev/null || { echo "the unmutated tree does not build"; exit 2; }
 
-killed=0
-survived=0
-stale=0
-survivors=()
-for i in "${!mutants[@]}"; do
-    number=$((i + 1))
-    [ "$only" -ne 0 ] && [ "$only" -ne "$number" ] && continue
-    [ "$number" -lt "$from" ] && continue
-    IFS='|' read -r file change what <<< "${mutants[$i]}"
-    backup=$(mktemp)
-    cp "$file" "$backup"
-    # An interrupted run must not leave the mutant in the tree.
-    trap 'cp "$backup" "$file"; touch "$file"; rm -f "$backup"; exit 130' INT TERM
-    perl -0pi -e "$change" "$file"
-    if cmp -s "$file" "$backup"; then
-        echo "mutant $number ($what): STALE, its pattern no longer matches $file"
-        stale=$((stale + 1))
-        rm -f "$backup"
-        continue
-    fi
+# Builds the tree with one mutant in it and runs the suite: sets verdict and how.
+judge() {
     if ! cmake --build "$build" -j2 >/dev/null 2>&1; then
         # A mutant that does not compile says nothing about the tests.
         verdict=invalid
@@ -103,25 +128,123 @@ for i in "${!mutants[@]}"; do
         verdict=killed
         how="a test fails"
     fi
+}
+
+# Keeps a copy of the file about to be mutated; an interrupted run must not leave
+# the mutant in the tree.
+save() {
+    file=$1
+    backup=$(mktemp)
+    cp "$file" "$backup"
+    trap 'restore; exit 130' INT TERM
+}
+restore() {
     cp "$backup" "$file"
     touch "$file"
     rm -f "$backup"
     trap - INT TERM
-    echo "mutant $number ($what): $verdict ($how)"
-    if [ "$verdict" = invalid ]; then
-        stale=$((stale + 1))
-    elif [ "$verdict" = killed ]; then
-        killed=$((killed + 1))
-    else
-        survived=$((survived + 1))
-        survivors+=("$number: $what ($file)")
+}
+
+# Whether mutant $1 is one --only and --from ask for.
+picked() {
+    [ "$1" -ge "$from" ] && { [ "$only" = 0 ] || [[ ",$only," == *",$1,"* ]]; }
+}
+
+killed=0
+survived=0
+stale=0
+skipped=0
+survivors=()
+
+# One random sample: the draw is made once, up front, from the unmutated tree.
+run_sample() {
+    local draw rows row id where change
+    draw=$(mktemp)
+    if ! python3 scripts/mutate_sample.py list --sample "$sample" --seed "$seed" "${sim[@]}" \
+            --json "$draw.json" --tsv >"$draw"; then
+        rm -f "$draw" "$draw.json"
+        echo "the draw failed"
+        exit 2
     fi
-done
+    mapfile -t rows <"$draw"
+    rm -f "$draw"
+    echo "sample of ${#rows[@]} mutants, seed $seed"
+    for row in "${rows[@]}"; do
+        IFS=$'\t' read -r id where change <<< "$row"
+        picked "$id" || continue
+        if [[ ",$skip," == *",$id,"* ]]; then
+            echo "sample $id $change: skipped (marked equivalent)"
+            skipped=$((skipped + 1))
+            continue
+        fi
+        save "$where"
+        if ! python3 scripts/mutate_sample.py apply "$draw.json" "$id"; then
+            verdict=stale
+            how="the file changed since the draw"
+        else
+            judge
+        fi
+        restore
+        echo "sample $id $change: $verdict ($how)"
+        case $verdict in
+            killed) killed=$((killed + 1)) ;;
+            survived) survived=$((survived + 1)); survivors+=("sample $id $change") ;;
+            *) stale=$((stale + 1)) ;;
+        esac
+    done
+    rm -f "$draw.json"
+}
+
+run_list() {
+    local i number change what
+    for i in "${!mutants[@]}"; do
+        number=$((i + 1))
+        picked "$number" || continue
+        IFS='|' read -r file change what <<< "${mutants[$i]}"
+        save "$file"
+        perl -0pi -e "$change" "$file"
+        if cmp -s "$file" "$backup"; then
+            echo "mutant $number ($what): STALE, its pattern no longer matches $file"
+            stale=$((stale + 1))
+            rm -f "$backup"
+            trap - INT TERM
+            continue
+        fi
+        judge
+        restore
+        echo "mutant $number ($what): $verdict ($how)"
+        if [ "$verdict" = invalid ]; then
+            stale=$((stale + 1))
+        elif [ "$verdict" = killed ]; then
+            killed=$((killed + 1))
+        else
+            survived=$((survived + 1))
+            survivors+=("$number: $what ($file)")
+        fi
+    done
+}
+
+if [ "$sample" -gt 0 ]; then
+    run_sample
+else
+    run_list
+fi
 cmake --build "$build" -j2 >/dev/null
 
 total=$((killed + survived))
-echo "mutants: $total run, $killed killed, $survived survived, $stale stale or not building"
-[ "$total" -gt 0 ] && echo "score: $((100 * killed / total))%"
+if [ "$sample" -gt 0 ]; then
+    echo "mutants: $total run, $killed killed, $survived survived, $stale not building," \
+         "$skipped skipped as equivalent"
+    if [ "$total" -gt 0 ]; then
+        permille=$((1000 * killed / total))
+        bound=
+        [ "$quick" = 1 ] && bound=" (quick cases only: a lower bound)"
+        echo "score: $((permille / 10)).$((permille % 10))% ($killed of $total, seed $seed)$bound"
+    fi
+else
+    echo "mutants: $total run, $killed killed, $survived survived, $stale stale or not building"
+    [ "$total" -gt 0 ] && echo "score: $((100 * killed / total))%"
+fi
 for s in "${survivors[@]}"; do
     echo "survivor $s"
 done
