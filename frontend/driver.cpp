@@ -11,6 +11,7 @@
 #include "common/run_report.h"
 #include "flashhost/CFlashHost.h"
 #include "frontend/Setting.h"
+#include "frontend/command_roads.h"
 #include "frontend/link_setup.h"
 #include "frontend/options.h"
 #include "frontend/port_list.h"
@@ -252,6 +253,12 @@ int DriverMain(int argc, char* argv[])
         run_report::SetSink(&summary);
 
     PrintConnectionSettings();
+    // Everyday commands (--verify, --erase-all, --write, --info): roads of their own.
+    if (g_Setting.iCommand != kCommandNone) {
+        const CommandOutcome command = RunCommandRoad(end.Json());
+        return end.Finish(command.classicStatus, command.failure == FailureKind::kNone, command.failure,
+                          command.successText);
+    }
     FailureKind failure = FailureKind::kNone;
     if (g_Setting.iDebugOp != kDebugNone) {
         const int status = DebugRoad(failure);
