@@ -1,0 +1,171 @@
+// The everyday commands from the command line against the simulated target: what
+// each leaves in flash, what it prints, that --verify sends no erase or write, and
+// that bad values are refused before the target is touched.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/upgrade/upgrade_fixtures.h"
+#include "upgrade/UpGrade.h"
+
+namespace {
+
+const uint8_t kOpEraseFlash = 0x19;
+const uint8_t kOpWriteSector = 0x1B;
+const uint8_t kOpGetFlashId = 0x18;
+
+// The lines of the run's standard output that are JSON objects of this event.
+std::vector<nlohmann::json> Events(const std::string& out, const std::string& event)
+{
+    std::vector<nlohmann::json> events;
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);) {
+        nlohmann::json j = nlohmann::json::parse(line, nullptr, false);
+        if (!j.is_discarded() && j.value("event", "") == event)
+            events.push_back(j);
+    }
+    return events;
+}
+
+TEST(CommandsEndToEnd, InfoShowsIdentifierCapacityResponderAndRate)
+{
+    UpgradeBench bench;
+    ProcessResult r = bench.Run({"--info"});
+    EXPECT_EQ(0, r.exitStatus);
+    for (const char* line : {"Flash ID: C8 40 16\n", "Flash maker: 0xC8\n",
+                             "Flash capacity: 4194304 bytes (4096 KiB)\n", "Responder code: 1\n",
+                             "Boot-loader running: yes\n", "Rate: 921600\n"})
+        EXPECT_TRUE(Has(r.out, line)) << r.out;
+
+    ProcessResult j = bench.Run({"--info", "--json"}, {"--responder", "2", "--flash-id", "EF4001"});
+    ASSERT_EQ(1u, Events(j.out, "info").size()) << j.out;
+    const nlohmann::json info = Events(j.out, "info")[0];
+    EXPECT_EQ("EF4001", info["flash_id"]);
+    EXPECT_EQ("0xEF", info["maker"]);
+    EXPECT_EQ(0, info["capacity"]);  // the last byte is no capacity code
+    EXPECT_EQ(2, info["responder"]);
+    EXPECT_EQ(false, info["boot_loader"]);
+    EXPECT_EQ(bench.InitialFlash(), bench.Flash());
+}
+
+// Flash that holds exactly what the upgrade would write; then one byte changed.
+TEST(CommandsEndToEnd, VerifyComparesWithoutErasingOrWriting)
+{
+    UpgradeBench bench;
+    const Bytes image = MakeImage(2, {70000, 30000}, 4, 0x8000, 0x1F8000);
+    bench.WriteFile("main.img", image);
+    Bytes flash = bench.InitialFlash();
+    ModelBlockWrite(flash, 0, image);
+    ModelOtaArea(flash, 0x1F8000, 0x8000);
+    bench.WriteFile("flash.bin", flash);
+
+    ProcessResult same = bench.Run({"-i", "main.img", "--verify"});
+    EXPECT_EQ(0, same.exitStatus) << same.out;
+    EXPECT_TRUE(Has(same.out, "Verify main 0x00000000 len:0x" )) << same.out;
+    EXPECT_EQ(2u, CountOccurrences(same.out, ": equal\n")) << same.out;
+    EXPECT_TRUE(Has(same.out, "Verify OK!\n"));
+    EXPECT_EQ(0u, CountFramesReceived(bench.Trace(), kOpEraseFlash));
+    EXPECT_EQ(0u, CountFramesReceived(bench.Trace(), kOpWriteSector));
+
+    flash[0x12345] ^= 0x5A;
+    bench.WriteFile("flash.bin", flash);
+    ProcessResult differs = bench.Run({"-i", "main.img", "--verify"});
+    EXPECT_EQ(7, differs.exitStatus) << differs.out;
+    EXPECT_TRUE(Has(differs.out, ": differs at 0x00012345 (1 block(s))\n")) << differs.out;
+    EXPECT_EQ(0u, CountFramesReceived(bench.Trace(), kOpEraseFlash));
+    EXPECT_EQ(0u, CountFramesReceived(bench.Trace(), kOpWriteSector));
+    EXPECT_EQ(flash, bench.Flash());
+
+    ProcessResult json = bench.Run({"-i", "main.img", "--verify", "--json"});
+    EXPECT_EQ(7, json.exitStatus);
+    const std::vector<nlohmann::json> regions = Events(json.out, "verify");
+    ASSERT_EQ(2u, regions.size()) << json.out;
+    EXPECT_EQ(std::vector<uint32_t>{0x10000}, regions[0]["blocks"].get<std::vector<uint32_t>>());
+    EXPECT_EQ(0x12345, regions[0]["first_difference"]);
+    EXPECT_EQ(true, regions[1]["equal"]);
+}
+
+TEST(CommandsEndToEnd, EraseAllErasesTheCapacityInUse)
+{
+    const struct {
+        std::vector<std::string> options;
+        std::vector<std::string> sim;
+        uint32_t erasedBytes;  // from 0; the rest as before
+        int status;
+    } cases[] = {
+        {{"--erase-all"}, {}, kFlashSize, 0},
+        {{"--erase-all", "--flash-size", "1M"}, {"--flash-id", "C84001"}, 1u << 20, 0},
+        {{"--erase-all"}, {"--flash-id", "C84001"}, 0, 255},  // capacity unknown: refused
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.erasedBytes);
+        UpgradeBench bench;
+        ProcessResult r = bench.Run(c.options, c.sim);
+        EXPECT_EQ(c.status, r.exitStatus) << r.out;
+        Bytes expected = bench.InitialFlash();
+        std::fill(expected.begin(), expected.begin() + c.erasedBytes, 0xFF);
+        EXPECT_EQ(-1, FirstDifference(bench.Flash(), expected));
+        EXPECT_EQ(c.erasedBytes / kBlock, CountFramesReceived(bench.Trace(), kOpEraseFlash));
+    }
+}
+
+// Two binaries (one starting inside a block, one ending inside one) and an Intel
+// HEX file with two segments: the bytes of partly covered blocks that no file
+// covers stay as they were.
+TEST(CommandsEndToEnd, WriteLeavesFlashEqualToTheModel)
+{
+    UpgradeBench bench;
+    const Bytes a = PatternBytes(100000, 1), b = PatternBytes(300, 2);
+    bench.WriteFile("a.bin", a);
+    bench.WriteFile("b.bin", b);
+    const std::string goodHex = ":020000040030CA\n:0400100001020304E2\n:02000004003FBB\n:02FFF000AABBAA\n:00000001FF\n";
+    bench.WriteFile("c.hex", Bytes(goodHex.begin(), goodHex.end()));
+    ProcessResult r = bench.Run({"--write", "0x10100:a.bin", "--write", "256K:b.bin", "--write", "c.hex"});
+    EXPECT_EQ(0, r.exitStatus) << r.out;
+    EXPECT_TRUE(Has(r.out, "Write a.bin at 0x00010100-0x0002879F OK!\n")) << r.out;
+    Bytes expected = bench.InitialFlash();
+    std::copy(a.begin(), a.end(), expected.begin() + 0x10100);
+    std::copy(b.begin(), b.end(), expected.begin() + 0x40000);
+    const Bytes hexBytes = {1, 2, 3, 4};
+    std::copy(hexBytes.begin(), hexBytes.end(), expected.begin() + 0x300010);
+    expected[0x3FFFF0] = 0xAA;
+    expected[0x3FFFF1] = 0xBB;
+    EXPECT_EQ(-1, FirstDifference(bench.Flash(), expected));
+}
+
+// Every refusal comes before the target is touched: no identification, flash as it was.
+TEST(CommandsEndToEnd, BadValuesAreRefusedBeforeTheConnection)
+{
+    const std::string badSum = ":0400100001020304E3\n:00000001FF\n";
+    const std::string badType = ":0400100601020304DC\n:00000001FF\n";
+    const struct {
+        std::vector<std::string> options;
+        std::string line;
+        int exitCode;  // with --exit-code
+    } cases[] = {
+        {{"--write", "0x1000x:a.bin"}, "Bad --write value: 0x1000x:a.bin", 2},
+        {{"--write", "0:absent.bin"}, "Failed to read file: absent.bin\n", 3},
+        {{"--write", "sum.hex"}, "Bad Intel HEX file: sum.hex line 1: checksum error\n", 3},
+        {{"--write", "type.hex"}, "Bad Intel HEX file: type.hex line 1: record type it cannot use\n", 3},
+        {{"--write", "0:a.bin", "--write", "0x100:a.bin"}, "Refused: a.bin 0x00000000-0x000001FF overlaps a.bin", 2},
+        {{"--write", "4M:a.bin", "--flash-size", "4M"}, "ends past the flash's 4194304 bytes", 2},
+        {{"--erase-all", "--flash-size", "12Q"}, "Bad --flash-size value: 12Q", 2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        UpgradeBench bench;
+        bench.WriteFile("a.bin", PatternBytes(0x200, 3));
+        bench.WriteFile("sum.hex", Bytes(badSum.begin(), badSum.end()));
+        bench.WriteFile("type.hex", Bytes(badType.begin(), badType.end()));
+        ProcessResult r = bench.Run(c.options);
+        EXPECT_EQ(255, r.exitStatus) << r.out;
+        EXPECT_TRUE(Has(r.out, c.line)) << r.out;
+        EXPECT_EQ(0u, CountFramesReceived(bench.Trace(), kOpGetFlashId));
+        std::vector<std::string> withCode = c.options;
+        withCode.push_back("--exit-code");
+        EXPECT_EQ(c.exitCode, bench.Run(withCode).exitStatus);
+        EXPECT_EQ(bench.InitialFlash(), bench.Flash());
+    }
+}
+
+}  // namespace
