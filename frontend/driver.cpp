@@ -18,6 +18,7 @@
 #include "frontend/run_outcome.h"
 #include "frontend/run_sinks.h"
 #include "frontend/upgrade_start.h"
+#include "frontend/warnings.h"
 #include "image/FwParser.h"
 #include "upgrade/UpGrade.h"
 
@@ -112,6 +113,7 @@ int DebugRoad(FailureKind& failure)
     std::printf("\nFlash debug mode:\n");
     g_flashHost.SetComNum(g_Setting.strComDev);
     g_flashHost.SetBaud(g_Setting.iBaud);
+    warnings::DebugRange(g_Setting.iDebugOp, g_Setting.iAddress, g_Setting.iLength, g_Setting.strWriteBinFile);
     return FlashOperate(g_Setting.iDebugOp, g_Setting.iAddress, g_Setting.iLength,
                         g_Setting.strWriteBinFile, &failure);
 }
@@ -215,6 +217,7 @@ int DriverMain(int argc, char* argv[])
     char settingsFile[sizeof kDefaultSettingsFile];
     std::snprintf(settingsFile, sizeof settingsFile, "%s", kDefaultSettingsFile);
     GetDefaultSettings(settingsFile);
+    warnings::SettingsFile(settingsFile, false);
 
     // Without arguments the usage text is a reminder; the run goes on with the file's settings.
     if (argc < 2)
@@ -241,6 +244,7 @@ int DriverMain(int argc, char* argv[])
         return end.Finish(0, kind == FailureKind::kNone, kind, "images reported");
     }
     case OptionOutcome::kRunRoads:
+        warnings::IgnoredWords(argc, argv, optind);
         break;
     }
 
@@ -253,6 +257,11 @@ int DriverMain(int argc, char* argv[])
         run_report::SetSink(&summary);
 
     PrintConnectionSettings();
+    // Warnings: a rate the port cannot take is found out before the target switches.
+    const bool connects = g_Setting.iCommand != kCommandNone || g_Setting.iDebugOp != kDebugNone ||
+                          !g_Setting.bCombineImage;
+    if (connects && warnings::WorkingRate(g_Setting.iBaud, g_Setting.bFastLink != 0) != 0)
+        return end.Finish(-1, false, FailureKind::kUsage, "");
     // Everyday commands (--verify, --erase-all, --write, --info): roads of their own.
     if (g_Setting.iCommand != kCommandNone) {
         const CommandOutcome command = RunCommandRoad(end.Json());

@@ -11,6 +11,7 @@
 
 #include "frontend/Setting.h"
 #include "frontend/command_options.h"
+#include "frontend/warnings.h"
 
 const char kOptionString[] = "A:b:B:c:C:d:D:e:f:g:G:hi:I:l:L:r:su:v?";
 
@@ -69,7 +70,7 @@ bool ApplySettingOption(int letter, char* arg)
     case 'b': g_Setting.iBaud = static_cast<uint32_t>(std::atoi(arg)); break;
     case 'B': CopySettingText(g_Setting.strWriteBinFile, arg); break;
     case 'c': CopySettingText(g_Setting.strComDev, arg); break;
-    case 'C': GetDefaultSettings(arg); break;
+    case 'C': GetDefaultSettings(arg); warnings::SettingsFile(arg, true); break;
     case 'd': g_Setting.bLogLevel = FlagValue(arg); break;
     case 'D': ApplyDebugOp(arg); break;
     case 'e': g_Setting.bEtfFw = g_Setting.bFlashCompat = FlagValue(arg); break;
@@ -195,6 +196,7 @@ OptionOutcome ApplyOptions(int argc, char* argv[])
             break;
         }
         // getopt's own errors ('?', after its diagnostic on stderr) and -?.
+        warnings::OptionNumber(letter, optarg);
         if (!ApplySettingOption(letter, optarg))
             return RefusedOption(letter, argv) ? OptionOutcome::kBadOption : OptionOutcome::kShowUsage;
     }

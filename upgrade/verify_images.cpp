@@ -143,13 +143,16 @@ int CompareRegion(PlannedRegion& region, unsigned char* expected, unsigned char*
             KeepFirstFailure(failure, FailureKind::kImage);
             return -1;
         }
-        if (g_flashHost.ReadFlashLength(piece.address, found, piece.size) != 0) {
+        // The flash commands move whole sectors from the one holding the address:
+        // a region that starts inside a sector is read from that sector's start.
+        const uint32_t lead = piece.address % flash_geometry::kSectorSize;
+        if (g_flashHost.ReadFlashLength(piece.address - lead, found, lead + piece.size) != 0) {
             std::printf("Read failed at 0x%08X: %s\n", piece.address, g_flashHost.m_strMsg.c_str());
             KeepFirstFailure(failure, g_flashHost.LinkLost() ? FailureKind::kNoAnswer : FailureKind::kFlashCommand);
             return -1;
         }
         for (uint32_t i = 0; i < piece.size; ++i) {
-            if (expected[i] == found[i])
+            if (expected[i] == found[lead + i])
                 continue;
             const uint32_t address = piece.address + i;
             if (r.equal)
@@ -184,7 +187,7 @@ int VerifyImages(std::vector<VerifiedRegion>& results, FailureKind& failure)
     if (ConnectForCommand(failure) != 0)
         return -1;
     std::unique_ptr<unsigned char[]> expected(new unsigned char[kBlock]);
-    std::unique_ptr<unsigned char[]> found(new unsigned char[kBlock]);
+    std::unique_ptr<unsigned char[]> found(new unsigned char[kBlock + flash_geometry::kSectorSize]);
     bool equal = true;
     for (PlannedRegion& region : plan.regions) {
         const auto start = std::chrono::steady_clock::now();
