@@ -15,6 +15,7 @@
 #include "frontend/link_setup.h"
 #include "frontend/options.h"
 #include "frontend/port_list.h"
+#include "frontend/progress_line.h"
 #include "frontend/run_outcome.h"
 #include "frontend/run_sinks.h"
 #include "frontend/upgrade_start.h"
@@ -255,6 +256,13 @@ int DriverMain(int argc, char* argv[])
         run_report::SetSink(end.Json());
     else if (g_Setting.bFastLink)
         run_report::SetSink(&summary);
+    // Progress line: on a terminal's error stream, beside the sink above (not with --json).
+    ProgressLineSink progress(stderr);
+    FanOutSink fanOut;
+    fanOut.Add(run_report::GetSink());
+    if (!end.Json() && isatty(STDERR_FILENO))
+        fanOut.Add(&progress);
+    run_report::SetSink(&fanOut);
 
     PrintConnectionSettings();
     // Warnings: a rate the port cannot take is found out before the target switches.

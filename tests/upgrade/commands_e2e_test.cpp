@@ -3,6 +3,12 @@
 // that bad values are refused before the target is touched.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 
 #include "tests/upgrade/upgrade_fixtures.h"
@@ -25,6 +31,75 @@ std::vector<nlohmann::json> Events(const std::string& out, const std::string& ev
             events.push_back(j);
     }
     return events;
+}
+
+// Runs the tool in `folder` with standard error on a pseudo-terminal (standard
+// output to /dev/null) and returns what the terminal received.
+std::string RunWithStderrOnTerminal(const std::vector<std::string>& args, const std::string& folder)
+{
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0)
+        return "no pty";
+    const std::string slaveName = ptsname(master);
+    std::vector<std::string> words = {ToolPath()};
+    words.insert(words.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (std::string& w : words)
+        argv.push_back(&w[0]);
+    argv.push_back(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int slave = open(slaveName.c_str(), O_RDWR | O_NOCTTY);
+        const int null = open("/dev/null", O_RDWR);
+        if (slave < 0 || null < 0 || chdir(folder.c_str()) != 0)
+            _exit(127);
+        dup2(null, 0);
+        dup2(null, 1);
+        dup2(slave, 2);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    std::string seen;
+    bool exited = false;
+    for (int rounds = 0; rounds < 600 && !exited; ++rounds) {
+        pollfd p{master, POLLIN, 0};
+        if (poll(&p, 1, 100) > 0 && (p.revents & POLLIN)) {
+            char buf[4096];
+            const ssize_t n = read(master, buf, sizeof buf);
+            if (n > 0)
+                seen.append(buf, static_cast<size_t>(n));
+        }
+        exited = waitpid(pid, nullptr, WNOHANG) == pid;
+    }
+    char buf[4096];
+    pollfd p{master, POLLIN, 0};
+    while (poll(&p, 1, 50) > 0 && (p.revents & POLLIN)) {
+        const ssize_t n = read(master, buf, sizeof buf);
+        if (n <= 0)
+            break;
+        seen.append(buf, static_cast<size_t>(n));
+    }
+    close(master);
+    return seen;
+}
+
+// The progress line shows on a terminal and is cleared at the end; on a pipe there
+// is none.
+TEST(CommandsEndToEnd, ProgressLineOnlyOnATerminalAndClearedWhenDone)
+{
+    UpgradeBench bench;
+    SimProcess sim({"--flash", bench.Path("flash.bin")});
+    ASSERT_TRUE(sim.Started());
+    const std::string terminal = RunWithStderrOnTerminal({"-c", sim.DevicePath(), "--erase-all"}, bench.Path(""));
+    EXPECT_TRUE(Has(terminal, "\033[Kflash erase: 65536/4194304 bytes   1% ")) << terminal;
+    EXPECT_TRUE(Has(terminal, "flash erase: 4194304/4194304 bytes 100% ")) << terminal;
+    EXPECT_TRUE(Has(terminal, " KB/s ")) << terminal;
+    ASSERT_GE(terminal.size(), 4u);
+    EXPECT_EQ("\r\033[K", terminal.substr(terminal.size() - 4)) << terminal;
+
+    ProcessResult piped = bench.Run({"--erase-all"});
+    EXPECT_EQ(0, piped.exitStatus);
+    EXPECT_FALSE(Has(piped.err, "KB/s")) << piped.err;
 }
 
 TEST(CommandsEndToEnd, InfoShowsIdentifierCapacityResponderAndRate)
