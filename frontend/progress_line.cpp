@@ -47,6 +47,13 @@ void ProgressLineSink::Progress(const char* region, const char* phase, uint64_t 
     m_shown = true;
 }
 
+void ProgressLineSink::Waiting(const char* what, unsigned attempt, unsigned attempts)
+{
+    std::fprintf(m_out, "%s%s: attempt %u of %u\r", kClearToEnd, what, attempt, attempts);
+    std::fflush(m_out);
+    m_shown = true;
+}
+
 void ProgressLineSink::Clear()
 {
     if (!m_shown)

@@ -20,6 +20,8 @@ public:
     void Start(const std::string&, uint32_t, const std::vector<std::string>&) override {}
     void Progress(const char* region, const char* phase, uint64_t done, uint64_t total) override;
     void Region(const char*, uint64_t, double) override { Clear(); }
+    // "waiting for the target's answer: attempt 2 of 5".
+    void Waiting(const char* what, unsigned attempt, unsigned attempts) override;
     // Removes the line, if one is shown.
     void Clear();
 
@@ -57,6 +59,11 @@ public:
     {
         for (run_report::Sink* s : m_sinks)
             s->Region(region, bytes, seconds);
+    }
+    void Waiting(const char* what, unsigned attempt, unsigned attempts) override
+    {
+        for (run_report::Sink* s : m_sinks)
+            s->Waiting(what, attempt, attempts);
     }
 
 private:

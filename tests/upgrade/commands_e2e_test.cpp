@@ -97,6 +97,12 @@ TEST(CommandsEndToEnd, ProgressLineOnlyOnATerminalAndClearedWhenDone)
     ASSERT_GE(terminal.size(), 4u);
     EXPECT_EQ("\r\033[K", terminal.substr(terminal.size() - 4)) << terminal;
 
+    // A target that does not answer at once: the waits show too.
+    SimProcess slow({"--flash", bench.Path("flash.bin"), "--sync-fail", "1"});
+    ASSERT_TRUE(slow.Started());
+    const std::string waited = RunWithStderrOnTerminal({"-c", slow.DevicePath(), "--info"}, bench.Path(""));
+    EXPECT_TRUE(Has(waited, "waiting for the target's answer: attempt 1 of 5\r")) << waited;
+
     ProcessResult piped = bench.Run({"--erase-all"});
     EXPECT_EQ(0, piped.exitStatus);
     EXPECT_FALSE(Has(piped.err, "KB/s")) << piped.err;
