@@ -20,7 +20,7 @@ for file in bin/kestrelQT_u bin/kestrel_sim bin/kestrel_mkimage bin/kestrel_gang
 done
 "$prefix/bin/kestrelQT_u" --version | grep -q '^kestrelQT_u [0-9]' || { echo "installed tool does not run"; status=1; }
 if command -v groff >/dev/null 2>&1; then
-    warnings=$(groff -man -ww -z "$source_dir/doc/kestrelQT_u.1" 2>&1)
+    warnings=$(for page in "$source_dir"/doc/*.1; do groff -man -ww -z "$page"; done 2>&1)
     [ -z "$warnings" ] || { echo "man page warnings: $warnings"; status=1; }
 fi
 bash -n "$source_dir/doc/kestrelQT_u.bash-completion" || status=1

@@ -14,7 +14,8 @@ deb=$(ls "$build"/kestrelqt-u_*.deb)
 status=0
 contents=$(dpkg-deb -c "$deb")
 for file in ./usr/bin/kestrelQT_u ./usr/bin/kestrel_sim ./usr/bin/kestrel_mkimage ./usr/bin/kestrel_gang \
-    ./usr/share/man/man1/kestrelQT_u.1.gz ./usr/share/doc/kestrelqt-u/copyright \
+    ./usr/share/man/man1/kestrelQT_u.1.gz ./usr/share/man/man1/kestrel_sim.1.gz \
+    ./usr/share/man/man1/kestrel_mkimage.1.gz ./usr/share/man/man1/kestrel_gang.1.gz ./usr/share/doc/kestrelqt-u/copyright \
     ./usr/share/doc/kestrelqt-u/changelog.gz ./usr/share/doc/kestrelqt-u/sim/README.md \
     ./usr/share/doc/kestrelqt-u/tools/README.md ./usr/share/bash-completion/completions/kestrelQT_u; do
     grep -q " $file\$" <<<"$contents" || { echo "missing in the package: $file"; status=1; }
