@@ -257,11 +257,12 @@ int DriverMain(int argc, char* argv[])
     else if (g_Setting.bFastLink)
         run_report::SetSink(&summary);
     // Progress line: on a terminal's error stream, beside the sink above (not with --json).
+    // The line goes first: it is cleared before a summary line is printed over it.
     ProgressLineSink progress(stderr);
     FanOutSink fanOut;
-    fanOut.Add(run_report::GetSink());
     if (!end.Json() && isatty(STDERR_FILENO))
         fanOut.Add(&progress);
+    fanOut.Add(run_report::GetSink());
     run_report::SetSink(&fanOut);
 
     PrintConnectionSettings();

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "common/size_value.h"
+#include "frontend/progress_line.h"
 #include "image/intel_hex.h"
 
 namespace {
@@ -65,6 +66,23 @@ TEST(IntelHex, PlacesDataByExtendedAddressesAndRefusesWhatItCannotUse)
     EXPECT_TRUE(IsIntelHexPath("a/fw.ihex"));
     EXPECT_FALSE(IsIntelHexPath(".hex"));
     EXPECT_FALSE(IsIntelHexPath("fw.bin"));
+}
+
+TEST(ProgressLine, ShowsBytesPercentRateAndTimeLeft)
+{
+    const struct {
+        uint64_t done, total;
+        double seconds;
+        const char* text;
+    } cases[] = {
+        {65536, 4194304, 1.0, "flash erase: 65536/4194304 bytes   1% 65.5 KB/s 1m03s left"},
+        {2097152, 4194304, 20.0, "flash erase: 2097152/4194304 bytes  50% 104.9 KB/s 0m20s left"},
+        {4194304, 4194304, 40.0, "flash erase: 4194304/4194304 bytes 100% 104.9 KB/s 0m00s left"},
+        {0, 4194304, 0.0, "flash erase: 0/4194304 bytes   0% 0.0 KB/s -- left"},
+        {0, 0, 0.0, "flash erase: 0/0 bytes   0% 0.0 KB/s -- left"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.text, ProgressLineText("flash", "erase", c.done, c.total, c.seconds));
 }
 
 }  // namespace
