@@ -166,6 +166,36 @@ TEST(CommandsEndToEnd, VerifyComparesWithoutErasingOrWriting)
     EXPECT_EQ(true, regions[1]["equal"]);
 }
 
+// The ETF image is compared where the upgrade puts it: behind an OTA area that
+// starts inside a block, without its first section.
+TEST(CommandsEndToEnd, VerifyFindsTheEtfImageBehindTheOtaArea)
+{
+    UpgradeBench bench;
+    const uint32_t otaAddress = 0x000FFC00, otaSize = 32768;
+    const Bytes image = MakeImage(2, {3000, 500}, 30, otaSize, otaAddress);
+    const Bytes etf = MakeImage(1, {1000, 60000, 50000}, 31);
+    bench.WriteFile("main.img", image);
+    bench.WriteFile("etf.img", etf);
+    Bytes flash = bench.InitialFlash();
+    ModelBlockWrite(flash, 0, image);
+    ModelOtaArea(flash, otaAddress, otaSize);
+    ModelEtfWrite(flash, otaAddress + otaSize, Bytes(etf.begin() + 64 + 1000, etf.end()));
+    bench.WriteFile("flash.bin", flash);
+    const std::vector<std::string> args = {"-i", "main.img", "-e", "1", "-I", "etf.img", "--verify"};
+
+    ProcessResult same = bench.Run(args);
+    EXPECT_EQ(0, same.exitStatus) << same.out;
+    EXPECT_EQ(3u, CountOccurrences(same.out, ": equal\n")) << same.out;
+    EXPECT_TRUE(Has(same.out, "Verify etf 0x00107C00 len:0x0001AE30: equal\n")) << same.out;
+
+    flash[0x120000] ^= 1;
+    bench.WriteFile("flash.bin", flash);
+    ProcessResult differs = bench.Run(args);
+    EXPECT_EQ(7, differs.exitStatus) << differs.out;
+    EXPECT_TRUE(Has(differs.out, "Verify etf 0x00107C00 len:0x0001AE30: differs at 0x00120000 (1 block(s))\n"))
+        << differs.out;
+}
+
 TEST(CommandsEndToEnd, EraseAllErasesTheCapacityInUse)
 {
     const struct {
