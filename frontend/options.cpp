@@ -137,8 +137,9 @@ const char* const kLongOptionLines[] = {
     "kestrelQT_u --info  (flash identifier, maker, capacity, responder code, boot-loader, rate)",
     "kestrelQT_u --flash-size SIZE  (flash capacity for --erase-all and the --write range checks)",
     "Sizes and addresses of these options: 0x hexadecimal or decimal, K and M suffixes (0x10000, 64K, 4M).",
-    "-v prints this usage text; -D takes r (read), w (write), e (erase); -C names the settings file",
-    "(default: ./settings_mac.ini).",
+    "-v prints the usage text above (the version: --version); -D takes r (read), w (write),",
+    "e (erase) or n (none: upgrade or combine); -C names the settings file, read first from",
+    "./settings_mac.ini (not ./settings.ini).",
 };
 const int kLongOptionLineCount = sizeof kLongOptionLines / sizeof kLongOptionLines[0];
 
