@@ -29,4 +29,10 @@ void Region(const char* region, uint64_t bytes, double seconds)
         g_sink->Region(region, bytes, seconds);
 }
 
+void Waiting(const char* what, unsigned attempt, unsigned attempts)
+{
+    if (g_sink)
+        g_sink->Waiting(what, attempt, attempts);
+}
+
 }  // namespace run_report

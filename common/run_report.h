@@ -23,6 +23,9 @@ public:
                           uint64_t total) = 0;
     // A region finished: bytes programmed or read, and the seconds it took.
     virtual void Region(const char* region, uint64_t bytes, double seconds) = 0;
+    // Progress line: a wait for a target that has not answered yet (attempt of
+    // attempts). Not an event of the JSON lines, so a no-op unless a sink shows it.
+    virtual void Waiting(const char* /*what*/, unsigned /*attempt*/, unsigned /*attempts*/) {}
 };
 
 // Installs (or with nullptr removes) the sink. Not thread-safe: call before a run.
@@ -33,5 +36,6 @@ Sink* GetSink();
 void Start(const std::string& port, uint32_t rate, const std::vector<std::string>& images);
 void Progress(const char* region, const char* phase, uint64_t done, uint64_t total);
 void Region(const char* region, uint64_t bytes, double seconds);
+void Waiting(const char* what, unsigned attempt, unsigned attempts);
 
 }  // namespace run_report

@@ -41,6 +41,19 @@ struct Setting {
     uint8_t bExitCode;           // [setting] bExitCode / --exit-code: outcome exit codes
     uint8_t bJson;               // --json: JSON lines on stdout, human text on stderr
     uint32_t iSectorsPerCommand; // [setting] iSectorsPerCommand (1-15), fast link only; 0 = 4
+
+    // Everyday commands (--verify, --erase-all, --write, --info, --flash-size).
+    uint32_t iCommand;           // a FlashCommand; kCommandNone runs the classic roads
+    uint64_t iFlashSize;         // --flash-size: the capacity in bytes; 0 = from the identifier
+};
+
+// The command roads beside the upgrade and the debug mode.
+enum FlashCommand : uint32_t {
+    kCommandNone = 0,
+    kCommandVerify = 1,
+    kCommandEraseAll = 2,
+    kCommandWrite = 3,
+    kCommandInfo = 4,
 };
 
 extern Setting g_Setting;

@@ -127,6 +127,9 @@ public:
     const unsigned char* FlashId() const { return m_flashId; }
     unsigned int FlashIdLength() const { return m_flashIdLength; }
     uint64_t FlashCapacity() const;
+    // The responder code of the last identification (above 1: the boot ROM serves
+    // the flash itself, so no boot-loader is uploaded).
+    int ResponderCode() const { return m_iResponderCode; }
 
     // Host log.
     bool InitLogFile();

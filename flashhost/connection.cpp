@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "common/link_timing.h"
+#include "common/run_report.h"
 #include "flashhost/CFlashHost.h"
 #include "flashhost/port_messages.h"
 #include "flashhost/protocol.h"
@@ -50,6 +51,8 @@ int CFlashHost::Synchron()
         WriteLogBuf("Synchron rps:", m_comm.RecvBuf, 2);
         if (answered && m_comm.RecvBuf[0] == 'O' && m_comm.RecvBuf[1] == 'K')
             return 0;
+        // Progress line: a silent target is otherwise silent for every attempt.
+        run_report::Waiting("waiting for the target's answer", attempt + 1, kSyncAttempts);
     }
     return -1;
 }

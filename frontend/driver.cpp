@@ -11,12 +11,15 @@
 #include "common/run_report.h"
 #include "flashhost/CFlashHost.h"
 #include "frontend/Setting.h"
+#include "frontend/command_roads.h"
 #include "frontend/link_setup.h"
 #include "frontend/options.h"
 #include "frontend/port_list.h"
+#include "frontend/progress_line.h"
 #include "frontend/run_outcome.h"
 #include "frontend/run_sinks.h"
 #include "frontend/upgrade_start.h"
+#include "frontend/warnings.h"
 #include "image/FwParser.h"
 #include "upgrade/UpGrade.h"
 
@@ -111,6 +114,7 @@ int DebugRoad(FailureKind& failure)
     std::printf("\nFlash debug mode:\n");
     g_flashHost.SetComNum(g_Setting.strComDev);
     g_flashHost.SetBaud(g_Setting.iBaud);
+    warnings::DebugRange(g_Setting.iDebugOp, g_Setting.iAddress, g_Setting.iLength, g_Setting.strWriteBinFile);
     return FlashOperate(g_Setting.iDebugOp, g_Setting.iAddress, g_Setting.iLength,
                         g_Setting.strWriteBinFile, &failure);
 }
@@ -214,6 +218,7 @@ int DriverMain(int argc, char* argv[])
     char settingsFile[sizeof kDefaultSettingsFile];
     std::snprintf(settingsFile, sizeof settingsFile, "%s", kDefaultSettingsFile);
     GetDefaultSettings(settingsFile);
+    warnings::SettingsFile(settingsFile, false);
 
     // Without arguments the usage text is a reminder; the run goes on with the file's settings.
     if (argc < 2)
@@ -240,6 +245,7 @@ int DriverMain(int argc, char* argv[])
         return end.Finish(0, kind == FailureKind::kNone, kind, "images reported");
     }
     case OptionOutcome::kRunRoads:
+        warnings::IgnoredWords(argc, argv, optind);
         break;
     }
 
@@ -250,8 +256,27 @@ int DriverMain(int argc, char* argv[])
         run_report::SetSink(end.Json());
     else if (g_Setting.bFastLink)
         run_report::SetSink(&summary);
+    // Progress line: on a terminal's error stream, beside the sink above (not with --json).
+    // The line goes first: it is cleared before a summary line is printed over it.
+    ProgressLineSink progress(stderr);
+    FanOutSink fanOut;
+    if (!end.Json() && isatty(STDERR_FILENO))
+        fanOut.Add(&progress);
+    fanOut.Add(run_report::GetSink());
+    run_report::SetSink(&fanOut);
 
     PrintConnectionSettings();
+    // Warnings: a rate the port cannot take is found out before the target switches.
+    const bool connects = g_Setting.iCommand != kCommandNone || g_Setting.iDebugOp != kDebugNone ||
+                          !g_Setting.bCombineImage;
+    if (connects && warnings::WorkingRate(g_Setting.iBaud, g_Setting.bFastLink != 0) != 0)
+        return end.Finish(-1, false, FailureKind::kUsage, "");
+    // Everyday commands (--verify, --erase-all, --write, --info): roads of their own.
+    if (g_Setting.iCommand != kCommandNone) {
+        const CommandOutcome command = RunCommandRoad(end.Json());
+        return end.Finish(command.classicStatus, command.failure == FailureKind::kNone, command.failure,
+                          command.successText);
+    }
     FailureKind failure = FailureKind::kNone;
     if (g_Setting.iDebugOp != kDebugNone) {
         const int status = DebugRoad(failure);

@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include "frontend/Setting.h"
+#include "frontend/command_options.h"
+#include "frontend/warnings.h"
 
 const char kOptionString[] = "A:b:B:c:C:d:D:e:f:g:G:hi:I:l:L:r:su:v?";
 
@@ -68,7 +70,7 @@ bool ApplySettingOption(int letter, char* arg)
     case 'b': g_Setting.iBaud = static_cast<uint32_t>(std::atoi(arg)); break;
     case 'B': CopySettingText(g_Setting.strWriteBinFile, arg); break;
     case 'c': CopySettingText(g_Setting.strComDev, arg); break;
-    case 'C': GetDefaultSettings(arg); break;
+    case 'C': GetDefaultSettings(arg); warnings::SettingsFile(arg, true); break;
     case 'd': g_Setting.bLogLevel = FlagValue(arg); break;
     case 'D': ApplyDebugOp(arg); break;
     case 'e': g_Setting.bEtfFw = g_Setting.bFlashCompat = FlagValue(arg); break;
@@ -94,6 +96,12 @@ enum LongOption {
     kOptExitCode,
     kOptJson,
     kOptListPorts,
+    // Everyday commands.
+    kOptVerify,
+    kOptEraseAll,
+    kOptWrite,
+    kOptInfo,
+    kOptFlashSize,
 };
 
 const option kLongOptions[] = {
@@ -103,6 +111,12 @@ const option kLongOptions[] = {
     {"exit-code", no_argument, nullptr, kOptExitCode},
     {"json", no_argument, nullptr, kOptJson},
     {"list-ports", no_argument, nullptr, kOptListPorts},
+    // Everyday commands.
+    {"verify", no_argument, nullptr, kOptVerify},
+    {"erase-all", no_argument, nullptr, kOptEraseAll},
+    {"write", required_argument, nullptr, kOptWrite},
+    {"info", no_argument, nullptr, kOptInfo},
+    {"flash-size", required_argument, nullptr, kOptFlashSize},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -116,6 +130,16 @@ const char* const kLongOptionLines[] = {
     "kestrelQT_u --exit-code  (exit status tells the outcome; settings key bExitCode, default: 0)",
     "kestrelQT_u --json  (JSON lines on standard output, text on standard error; implies --exit-code)",
     "kestrelQT_u --list-ports  (serial ports with USB vendor:product, serial number, driver, by-id name)",
+    // Everyday commands.
+    "kestrelQT_u --verify  (compare flash with the main image, OTA header and ETF image; writes nothing)",
+    "kestrelQT_u --erase-all  (erase the whole flash; capacity from the flash identifier or --flash-size)",
+    "kestrelQT_u --write ADDR:FILE  (repeatable: erase, write and read back raw files; FILE.hex alone for Intel HEX)",
+    "kestrelQT_u --info  (flash identifier, maker, capacity, responder code, boot-loader, rate)",
+    "kestrelQT_u --flash-size SIZE  (flash capacity for --erase-all and the --write range checks)",
+    "Sizes and addresses of these options: 0x hexadecimal or decimal, K and M suffixes (0x10000, 64K, 4M).",
+    "-v prints the usage text above (the version: --version); -D takes r (read), w (write),",
+    "e (erase) or n (none: upgrade or combine); -C names the settings file, read first from",
+    "./settings_mac.ini (not ./settings.ini).",
 };
 const int kLongOptionLineCount = sizeof kLongOptionLines / sizeof kLongOptionLines[0];
 
@@ -145,6 +169,8 @@ OptionOutcome ApplyOptions(int argc, char* argv[])
 {
     const std::string scan = ScanString();
     ResetGetopt();
+    PendingCommandArguments() = CommandArguments();
+    g_Setting.iCommand = kCommandNone;
     int letter;
     while ((letter = getopt_long(argc, argv, scan.c_str(), kLongOptions, nullptr)) != -1) {
         switch (letter) {
@@ -155,6 +181,15 @@ OptionOutcome ApplyOptions(int argc, char* argv[])
         case kOptExitCode: g_Setting.bExitCode = 1; continue;
         case kOptJson: g_Setting.bJson = g_Setting.bExitCode = 1; continue;
         case kOptListPorts: return OptionOutcome::kListPorts;
+        // Everyday commands: the road is chosen by the last of them.
+        case kOptVerify: g_Setting.iCommand = kCommandVerify; continue;
+        case kOptEraseAll: g_Setting.iCommand = kCommandEraseAll; continue;
+        case kOptWrite:
+            g_Setting.iCommand = kCommandWrite;
+            PendingCommandArguments().writes.push_back(optarg);
+            continue;
+        case kOptInfo: g_Setting.iCommand = kCommandInfo; continue;
+        case kOptFlashSize: PendingCommandArguments().flashSize = optarg; continue;
         case 'h':
         case 'v':
             return OptionOutcome::kShowUsage;
@@ -162,6 +197,7 @@ OptionOutcome ApplyOptions(int argc, char* argv[])
             break;
         }
         // getopt's own errors ('?', after its diagnostic on stderr) and -?.
+        warnings::OptionNumber(letter, optarg);
         if (!ApplySettingOption(letter, optarg))
             return RefusedOption(letter, argv) ? OptionOutcome::kBadOption : OptionOutcome::kShowUsage;
     }

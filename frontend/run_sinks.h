@@ -19,6 +19,8 @@ public:
     // One serial port found by --list-ports.
     void Port(const std::string& path, const std::string& vendor, const std::string& product,
               const std::string& serial, const std::string& driver, const std::string& byId);
+    // One object of an everyday command (--info, --verify), already serialised.
+    void Object(const std::string& jsonText) { Emit(jsonText); }
     // The last line of every run, exactly once.
     void Result(int exitCode, const std::string& message, double seconds);
 

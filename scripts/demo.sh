@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The quick demonstration: builds the tool and the simulated target, upgrades the
+# The quick demonstration: builds the tool, the simulated target and the gang runner, upgrades the
 # simulated target with a sample main image (which declares an OTA area) and an ETF
 # image, reads the main image region back with the flash debug mode and compares it
 # with the image file. Everything it makes goes to out/demo/.
@@ -24,7 +24,7 @@ echo "== Building into $build"
 if [ ! -f "$build/CMakeCache.txt" ]; then
     cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 fi
-cmake --build "$build" -j2 --target kestrelQT_u kestrel_sim kestrel_mkimage >/dev/null
+cmake --build "$build" -j2 --target kestrelQT_u kestrel_sim kestrel_mkimage kestrel_gang >/dev/null
 
 rm -rf "$work"
 mkdir -p "$work"

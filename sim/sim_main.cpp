@@ -53,6 +53,11 @@ void PrintEraseCounts(const ksim::NorFlash& flash)
 
 int main(int argc, char** argv)
 {
+    // --version: one line, like the tool's.
+    if (argc == 2 && std::string(argv[1]) == "--version") {
+        std::printf("kestrel_sim %s\n", KESTREL_VERSION);
+        return 0;
+    }
     ksim::SimOptions options;
     std::string error;
     if (!ksim::ParseSimOptions(argc, argv, options, error)) {

@@ -237,6 +237,10 @@ int main(int argc, char* argv[])
         std::fputs(kUsage, stdout);
         return 0;
     }
+    if (std::strcmp(argv[1], "--version") == 0) {
+        std::printf("kestrel_mkimage %s\n", KESTREL_VERSION);
+        return 0;
+    }
     if (std::strcmp(argv[1], "--make-data") == 0)
         return MakeData(argc, argv);
     return MakeImage(argc, argv);

@@ -160,3 +160,59 @@ TEST_F(DriverCli, InformationReportShowsBothImagesAndIgnoresLaterOptions)
 }
 
 }  // namespace
+
+// Input the tool takes without complaint is explained on the error stream, never
+// on standard output. Each run fails fast on a device that does not exist.
+TEST(DriverWarnings, SilentSurprisesAreExplainedOnStderr)
+{
+    const std::string kNoPort = "/nonexistent/tty";
+    const struct {
+        std::string settings;  // settings_mac.ini; empty: none
+        std::vector<std::string> args;
+        std::vector<std::string> err;  // empty: no warning at all
+    } cases[] = {
+        {"", {"-D", "r"}, {}},
+        {"", {"-D", "r", "extra", "-b", "9600"},
+         {"warning: option parsing stopped at \"extra\"; ignored: extra -b 9600\n"}},
+        {"[comm]\niBuad=9600\n[comms]\nx=1\n[setting]\nbFastLink=1x\n[debug]\niAddress=0x10g\n", {"-D", "r"},
+         {"warning: ./settings_mac.ini:2: unknown key iBuad in [comm]; ignored\n",
+          "warning: ./settings_mac.ini:3: unknown section [comms]; its keys are ignored\n",
+          "warning: ./settings_mac.ini:6: bFastLink=1x is not a whole decimal number",
+          "warning: ./settings_mac.ini:8: iAddress=0x10g is not a whole 0x hexadecimal number"}},
+        {"", {"-C", "absent.ini", "-D", "r"},
+         {"warning: settings file absent.ini cannot be read (No such file or directory)"}},
+        {"", {"-D", "r", "-A", "1M"}, {"warning: -A 1M: not a whole number; taken as 1\n"}},
+        {"", {"-D", "r", "-A", "xyz", "-r", "1y"},
+         {"warning: -A xyz: not a whole number; taken as 0\n", "warning: -r 1y: not a whole number; taken as 1\n"}},
+        {"", {"-D", "e", "-A", "0x10080", "-L", "0x100"},
+         {"warning: erase widened to whole 64 KiB blocks: 0x00010000-0x0001FFFF is erased\n"}},
+        {"", {"-D", "r", "-A", "0x10080"},
+         {"warning: address 0x00010080 is not at a 512-byte sector start; the flash commands start at 0x00010000\n"}},
+        {"", {"-D", "w", "-B", "big.bin"}, {"warning: big.bin holds 10000 bytes; only the first 0x200 (-L) are written\n"}},
+        {"", {"-D", "r", "-b", "12345"}, {"warning: the serial port does not take 12345 bit/s"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args[1] + (c.args.size() > 2 ? " " + c.args[2] : ""));
+        TempDir dir;
+        if (!c.settings.empty())
+            WriteText(dir.File("settings_mac.ini"), c.settings);
+        WriteFileBytes(dir.File("big.bin"), PatternBytes(10000, 1));
+        std::vector<std::string> args = {"-c", kNoPort};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        ProcessResult r = RunProcess(ToolPath(), args, {dir.Path()});
+        EXPECT_EQ(255, r.exitStatus) << r.out;
+        EXPECT_TRUE(Has(r.out, "Open uart error!")) << r.out;
+        EXPECT_FALSE(Has(r.out, "warning")) << r.out;
+        if (c.err.empty()) {
+            EXPECT_FALSE(Has(r.err, "warning")) << r.err;
+        }
+        for (const std::string& line : c.err)
+            EXPECT_TRUE(Has(r.err, line)) << r.err;
+    }
+    // With the fast link an unsupported rate is an error before the port is opened.
+    TempDir dir;
+    ProcessResult fast = RunProcess(ToolPath(), {"-c", kNoPort, "-D", "e", "--fast", "-b", "460800"}, {dir.Path()});
+    EXPECT_EQ(255, fast.exitStatus);
+    EXPECT_TRUE(Has(fast.err, "error: the serial port does not take 460800 bit/s")) << fast.err;
+    EXPECT_FALSE(Has(fast.out, "Open uart error!")) << fast.out;
+}

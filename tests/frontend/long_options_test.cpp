@@ -36,7 +36,8 @@ TEST(LongOptions, HelpIsTheUsageFollowedByTheLongOptionsVersionIsOneLine)
     std::vector<std::string> extra = Lines(help.out.substr(usage.out.size()));
     ASSERT_FALSE(extra.empty());
     EXPECT_EQ("Long options:", extra[0]);
-    for (const char* option : {"--help", "--version", "--fast", "--exit-code", "--json"}) {
+    for (const char* option : {"--help", "--version", "--fast", "--exit-code", "--json", "--verify", "--erase-all",
+                               "--write", "--info", "--flash-size", "-v prints the usage", "n (none", "settings_mac.ini"}) {
         bool listed = false;
         for (const std::string& line : extra)
             listed = listed || line.find(option) != std::string::npos;

@@ -45,6 +45,11 @@ int Refuse(const std::string& why)
 
 int main(int argc, char** argv)
 {
+    // --version: one line, like the tool's.
+    if (argc == 2 && std::string(argv[1]) == "--version") {
+        std::printf("kestrel_gang %s\n", KESTREL_VERSION);
+        return 0;
+    }
     GangOptions options;
     switch (ParseGangArgs(argc, argv, options)) {
     case GangRequest::kHelp:
