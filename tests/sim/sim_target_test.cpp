@@ -297,20 +297,6 @@ TEST(SimLine, SetPcStartsOnlyAPlausibleUploadAndRebootEndsIt)
     }
 }
 
-TEST(SimLine, FirmwareIgnoresEverythingUntilTheUpgradeText)
-{
-    ksim::TargetConfig config;
-    config.startAsFirmware = true;
-    Chip chip(config);
-    EXPECT_TRUE(chip.Send({0x55}).bytes.empty());
-    EXPECT_TRUE(chip.Send(GetFlashId()).bytes.empty());
-    // Without its terminating zero byte the text is not enough.
-    EXPECT_TRUE(chip.Send(Bytes{'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0x55}).bytes.empty());
-    EXPECT_TRUE(chip.Send(Bytes{'u', 'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0x00}).bytes.empty());
-    EXPECT_TRUE(chip.Sync());
-    EXPECT_TRUE(chip.Send(GetFlashId()).Ack());
-}
-
 ksim::TargetConfig Wired(ksim::Wiring wiring, bool activeHigh = false, bool upgradeText = false)
 {
     ksim::TargetConfig config;
@@ -388,13 +374,26 @@ TEST(SimWiring, ResetStartsTheChipOverAndRebootSamplesTheStrap)
     EXPECT_EQ(ksim::TargetMode::Firmware, chip.Target().Mode());
 }
 
-TEST(SimWiring, FirmwareOnAWiredBoardHeedsTheUpgradeTextOnlyWhenAskedTo)
+// Firmware ignores everything but the whole upgrade text with its terminating
+// zero byte; on a wired board it heeds even that only when asked to.
+TEST(SimLine, FirmwareAnswersOnlyAfterTheWholeUpgradeTextAndOnAWiredBoardOnlyWhenAskedTo)
 {
     const Bytes upgrade = {'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0x00};
-    for (bool upgradeText : {false, true}) {
-        Chip chip(Wired(ksim::Wiring::TwoTransistorRtsReset, false, upgradeText));
+    const struct {
+        ksim::TargetConfig config;
+        bool heeds;
+    } cases[] = {{Wired(ksim::Wiring::None, false, true), true},
+                 {Wired(ksim::Wiring::TwoTransistorRtsReset, false, true), true},
+                 {Wired(ksim::Wiring::TwoTransistorRtsReset), false}};
+    for (const auto& c : cases) {
+        Chip chip(c.config);
+        EXPECT_TRUE(chip.Send({0x55}).bytes.empty());
+        EXPECT_TRUE(chip.Send(GetFlashId()).bytes.empty());
+        EXPECT_TRUE(chip.Send(Bytes{'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0x55}).bytes.empty());
+        EXPECT_TRUE(chip.Send(Bytes{'u', 'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0x00}).bytes.empty());
         chip.Send(upgrade);
-        EXPECT_EQ(upgradeText, chip.Sync()) << upgradeText;
+        EXPECT_EQ(c.heeds, chip.Sync()) << c.heeds;
+        EXPECT_EQ(c.heeds, chip.Send(GetFlashId()).Ack());
     }
 }
 
