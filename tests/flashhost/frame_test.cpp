@@ -17,12 +17,19 @@ TEST_F(HostOnSim, WorkedExamplesGoOutByteForByte)
     static unsigned char erased[512];
     static unsigned char value[8] = {0x78, 0x56, 0x34, 0x12, 0xA1, 0xB2, 0xC3, 0xD4};
     memset(erased, 0xFF, sizeof erased);
+    // The register writes are pinned from their length field on.
     struct FrameCase {
         const char* name;
         std::function<int(CFlashHost&)> send;
         const char* frame;
     };
+    typedef int (CFlashHost::*Write)(unsigned int, unsigned char*);
+    auto write = [](Write f) { return [f](CFlashHost& h) { return (h.*f)(0x00020000, value); }; };
     const FrameCase cases[] = {
+        {"Write_1_byte", write(&CFlashHost::Write_1_byte), "00 00 00 06 01 00 02 00 00 78"},
+        {"Write_2_byte", write(&CFlashHost::Write_2_byte), "00 00 00 07 03 00 02 00 00 78 56"},
+        {"Write_4_byte", write(&CFlashHost::Write_4_byte), "00 00 00 09 05 00 02 00 00 78 56 34 12"},
+        {"Write_8_byte", write(&CFlashHost::Write_8_byte), "00 00 00 0D 07 00 02 00 00 78 56 34 12 A1 B2 C3 D4"},
         {"GetFlashId", [](CFlashHost& h) { return h.GetFlashId(); },
          "42 52 4F 4D 04 00 60 51 00 00 00 01 18"},
         {"ChangeBaud", [](CFlashHost& h) { return h.ChangeBaud(0x030E1000); },
@@ -39,28 +46,14 @@ TEST_F(HostOnSim, WorkedExamplesGoOutByteForByte)
         {"SysReboot", [](CFlashHost& h) { return h.SysReboot(); },
          "42 52 4F 4D 04 00 60 57 00 00 00 01 12"},
     };
-    typedef int (CFlashHost::*Write)(unsigned int, unsigned char*);
-    const std::pair<Write, const char*> writes[] = {
-        {&CFlashHost::Write_1_byte, "00 00 00 06 01 00 02 00 00 78"},
-        {&CFlashHost::Write_2_byte, "00 00 00 07 03 00 02 00 00 78 56"},
-        {&CFlashHost::Write_4_byte, "00 00 00 09 05 00 02 00 00 78 56 34 12"},
-        {&CFlashHost::Write_8_byte, "00 00 00 0D 07 00 02 00 00 78 56 34 12 A1 B2 C3 D4"},
-    };
-    for (const auto& w : writes) {
-        SCOPED_TRACE(w.second);
-        link.ClearRecord();
-        ASSERT_EQ(0, (host.*w.first)(0x00020000, value)) << host.m_strMsg;
-        std::vector<SimCommand> sent = link.Commands();
-        ASSERT_EQ(1u, sent.size());
-        EXPECT_EQ(w.second, ToHex(Bytes(sent[0].frame.begin() + 8, sent[0].frame.end())));
-    }
     for (const FrameCase& c : cases) {
         SCOPED_TRACE(c.name);
         link.ClearRecord();
         EXPECT_EQ(0, c.send(host)) << host.m_strMsg;
         std::vector<SimCommand> sent = link.Commands();
         ASSERT_EQ(1u, sent.size());
-        EXPECT_EQ(c.frame, ToHex(sent[0].frame));
+        const long from = c.frame[0] == '4' ? 0 : 8;
+        EXPECT_EQ(c.frame, ToHex(Bytes(sent[0].frame.begin() + from, sent[0].frame.end())));
         if (sent[0].Opcode() == 0x1B) {
             EXPECT_EQ(Bytes(512, 0xFF), sent[0].data);
         }

@@ -52,17 +52,4 @@ TEST(SimFaultPlan, MalformedSpecsAreRejectedWithAReason)
     }
 }
 
-TEST(SimFaultPlan, FirstFiringSpecWinsButAllCount)
-{
-    ksim::FaultPlan plan;
-    std::string error;
-    ASSERT_TRUE(plan.Add("any:2:noreply", error));
-    ASSERT_TRUE(plan.Add("EraseFlash:2:error3", error));
-    EXPECT_EQ(plan.Match(0x19, 115200), nullptr);
-    const ksim::FaultSpec* second = plan.Match(0x19, 115200);
-    ASSERT_NE(second, nullptr);
-    EXPECT_EQ(second->kind, ksim::FaultKind::NoReply);
-    EXPECT_EQ(plan.Match(0x19, 115200), nullptr);
-}
-
 }  // namespace

@@ -297,20 +297,6 @@ TEST(SimLine, SetPcStartsOnlyAPlausibleUploadAndRebootEndsIt)
     }
 }
 
-TEST(SimLine, FirmwareIgnoresEverythingUntilTheUpgradeText)
-{
-    ksim::TargetConfig config;
-    config.startAsFirmware = true;
-    Chip chip(config);
-    EXPECT_TRUE(chip.Send({0x55}).bytes.empty());
-    EXPECT_TRUE(chip.Send(GetFlashId()).bytes.empty());
-    // Without its terminating zero byte the text is not enough.
-    EXPECT_TRUE(chip.Send(Bytes{'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0x55}).bytes.empty());
-    EXPECT_TRUE(chip.Send(Bytes{'u', 'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0x00}).bytes.empty());
-    EXPECT_TRUE(chip.Sync());
-    EXPECT_TRUE(chip.Send(GetFlashId()).Ack());
-}
-
 ksim::TargetConfig Wired(ksim::Wiring wiring, bool activeHigh = false, bool upgradeText = false)
 {
     ksim::TargetConfig config;
@@ -388,13 +374,26 @@ TEST(SimWiring, ResetStartsTheChipOverAndRebootSamplesTheStrap)
     EXPECT_EQ(ksim::TargetMode::Firmware, chip.Target().Mode());
 }
 
-TEST(SimWiring, FirmwareOnAWiredBoardHeedsTheUpgradeTextOnlyWhenAskedTo)
+// Firmware ignores everything but the whole upgrade text with its terminating
+// zero byte; on a wired board it heeds even that only when asked to.
+TEST(SimLine, FirmwareAnswersOnlyAfterTheWholeUpgradeTextAndOnAWiredBoardOnlyWhenAskedTo)
 {
     const Bytes upgrade = {'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0x00};
-    for (bool upgradeText : {false, true}) {
-        Chip chip(Wired(ksim::Wiring::TwoTransistorRtsReset, false, upgradeText));
+    const struct {
+        ksim::TargetConfig config;
+        bool heeds;
+    } cases[] = {{Wired(ksim::Wiring::None, false, true), true},
+                 {Wired(ksim::Wiring::TwoTransistorRtsReset, false, true), true},
+                 {Wired(ksim::Wiring::TwoTransistorRtsReset), false}};
+    for (const auto& c : cases) {
+        Chip chip(c.config);
+        EXPECT_TRUE(chip.Send({0x55}).bytes.empty());
+        EXPECT_TRUE(chip.Send(GetFlashId()).bytes.empty());
+        EXPECT_TRUE(chip.Send(Bytes{'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0x55}).bytes.empty());
+        EXPECT_TRUE(chip.Send(Bytes{'u', 'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0x00}).bytes.empty());
         chip.Send(upgrade);
-        EXPECT_EQ(upgradeText, chip.Sync()) << upgradeText;
+        EXPECT_EQ(c.heeds, chip.Sync()) << c.heeds;
+        EXPECT_EQ(c.heeds, chip.Send(GetFlashId()).Ack());
     }
 }
 
@@ -440,22 +439,27 @@ TEST(SimFaults, EachReplyFaultShowsOnTheWire)
     }
 }
 
-TEST(SimFaults, WhenAndWhatSelectWhichCommandsAreHit)
+// Every spec counts the commands it names; when two fire on one command the first
+// wins and the other is spent all the same.
+TEST(SimFaults, WhenAndWhatSelectWhichCommandsAreHitAndTheFirstFiringSpecWins)
 {
+    const int kClean = -1, kSilent = -2;
     const struct {
-        const char* spec;
-        std::vector<bool> hit;  // for the 1st .. 5th Read_4_byte
+        std::vector<std::string> specs;
+        std::vector<int> got;  // for the 1st .. 5th Read_4_byte: its error type
     } cases[] = {
-        {"Read_4_byte:2:error4", {false, true, false, false, false}},
-        {"0x04:3+:error4", {false, false, true, true, true}},
-        {"any:every:error4", {true, true, true, true, true}},
+        {{"Read_4_byte:2:error4"}, {kClean, 4, kClean, kClean, kClean}},
+        {{"0x04:3+:error4"}, {kClean, kClean, 4, 4, 4}},
+        {{"any:every:error4"}, {4, 4, 4, 4, 4}},
+        {{"any:2:noreply", "Read_4_byte:2:error4"}, {kClean, kSilent, kClean, kClean, kClean}},
     };
     for (const auto& c : cases) {
-        Chip chip(ksim::TargetConfig(), {c.spec});
-        for (size_t i = 0; i < c.hit.size(); ++i) {
-            EXPECT_EQ(c.hit[i], chip.Send(Frame(0x04, {{0x20000000, 4}})).ErrorType() == 4)
-                << c.spec << " command " << i + 1;
-            if (c.spec[0] != 'a') {
+        Chip chip(ksim::TargetConfig(), c.specs);
+        const bool countsAll = c.specs[0].compare(0, 4, "any:") == 0;
+        for (size_t i = 0; i < c.got.size(); ++i) {
+            Answer answer = chip.Send(Frame(0x04, {{0x20000000, 4}}));
+            EXPECT_EQ(c.got[i], answer.bytes.empty() ? kSilent : answer.ErrorType()) << c.specs[0] << " command " << i + 1;
+            if (!countsAll) {
                 EXPECT_TRUE(chip.Send(GetFlashId()).Ack()) << "other commands are not counted";
             }
         }
