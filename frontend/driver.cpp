@@ -14,8 +14,10 @@
 #include "frontend/link_setup.h"
 #include "frontend/options.h"
 #include "frontend/port_list.h"
+#include "frontend/preflight.h"
 #include "frontend/run_outcome.h"
 #include "frontend/run_sinks.h"
+#include "frontend/stop_signals.h"
 #include "frontend/upgrade_start.h"
 #include "image/FwParser.h"
 #include "upgrade/UpGrade.h"
@@ -254,14 +256,27 @@ int DriverMain(int argc, char* argv[])
     PrintConnectionSettings();
     FailureKind failure = FailureKind::kNone;
     if (g_Setting.iDebugOp != kDebugNone) {
+        // Safe by default: refused before the first byte; Ctrl-C stops between blocks.
+        if ((failure = RefuseUnsafeRun(PreflightRoad::kDebug)) != FailureKind::kNone)
+            return end.Finish(-1, false, failure, "");
+        InstallStopSignals(g_Setting.bExitCode ? static_cast<int>(FailureKind::kStopped) : 255);
         const int status = DebugRoad(failure);
         return end.Finish(status, status == 0, failure, "Debug operation OK!");
     }
     PrintImageSettings();
     if (g_Setting.bCombineImage) {
+        if ((failure = RefuseUnsafeRun(PreflightRoad::kCombine)) != FailureKind::kNone)
+            return end.Finish(-1, false, failure, "");
         const int status = CombineRoad(failure);
         return end.Finish(status, status == 0, failure, "Combine image OK!");
     }
+    // Safe by default: an upgrade refused here fails as every failed upgrade does
+    // (status 0, update status 2, no "Upgrade OK!").
+    if ((failure = RefuseUnsafeRun(PreflightRoad::kUpgrade)) != FailureKind::kNone) {
+        g_iUpdateStatus = 2;
+        return end.Finish(0, false, failure, "");
+    }
+    InstallStopSignals(g_Setting.bExitCode ? static_cast<int>(FailureKind::kStopped) : 0);
     UpgradeOutcome outcome;
     const int status = RunUpgradeRoad(outcome);
     return end.Finish(status, status == 0 && g_iUpdateStatus == 1, outcome.failure, "Upgrade OK!");

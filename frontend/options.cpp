@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "frontend/Setting.h"
+#include "frontend/preflight.h"
 
 const char kOptionString[] = "A:b:B:c:C:d:D:e:f:g:G:hi:I:l:L:r:su:v?";
 
@@ -145,6 +146,7 @@ OptionOutcome ApplyOptions(int argc, char* argv[])
 {
     const std::string scan = ScanString();
     ResetGetopt();
+    ResetPathNotes();  // safe by default: a path cut to fit its field is refused later
     int letter;
     while ((letter = getopt_long(argc, argv, scan.c_str(), kLongOptions, nullptr)) != -1) {
         switch (letter) {
@@ -161,6 +163,7 @@ OptionOutcome ApplyOptions(int argc, char* argv[])
         default:
             break;
         }
+        NotePathOption(letter, optarg);  // safe by default (see ResetPathNotes above)
         // getopt's own errors ('?', after its diagnostic on stderr) and -?.
         if (!ApplySettingOption(letter, optarg))
             return RefusedOption(letter, argv) ? OptionOutcome::kBadOption : OptionOutcome::kShowUsage;
