@@ -27,6 +27,10 @@ private:
 
     std::FILE* m_out;
     uint64_t m_bytes = 0;
+    // The last progress event's region and done (kept monotonic, see Progress).
+    std::string m_progressRegion;
+    uint64_t m_progressDone = 0;
+    uint64_t m_debugBytes = 0;
 };
 
 // "main: 1048576 bytes in 13.9 s, 75.4 KB/s, 82% of line" for each region, on

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -234,6 +235,7 @@ int EraseRange(unsigned int address, unsigned int length, FailureKind& failure)
         printf("Erase failed: %s\n", g_flashHost.m_strMsg.c_str());
         return FailWith(failure, FailureKind::kFlashCommand);
     }
+    run_report::Progress("debug", "erase", length, length);
     printf("Erase addr:0x%08X len:0x%08X OK!\n", address, length);
     return CloseAndReturn(0);
 }
@@ -257,6 +259,9 @@ int FlashOperate(unsigned int op, unsigned int address, unsigned int length, cha
         kind = FailureKind::kOther;
         return -1;
     }
+    // Every road that talks to a target announces itself to the run's sink.
+    run_report::Start(g_flashHost.GetComNum(), g_flashHost.GetBaud(),
+                      op == kDebugWrite ? std::vector<std::string>{file} : std::vector<std::string>{});
     printf("Debug op:%s\n", FlashDebugOp[op]);
     printf("Address:0x%08X\n", address);
     printf("Length:0x%08X\n", length);
