@@ -148,11 +148,12 @@ TEST(UpgradeRun, StopTypedWhileConnectingIsSeenAfterOpenUart)
 // simulator succeeds. A second signal (SIGTERM after SIGINT: two of one kind may
 // merge) ends at once. No temporary file is left.
 // The tool runs under a shell inside one UpgradeBench run: "$@" is the tool with
-// the simulator's port, WAIT is what shows the run is under way.
+// the simulator's port, WAIT is what shows the run is under way. The console stays
+// open (its reader blocked in a read must not keep the process alive).
 TEST(UpgradeRun, CtrlCStopsBetweenStepsAndTheNextRunSucceeds)
 {
     const char* const kScript =
-        "\"$@\" > first.txt 2>&1 & pid=$!; i=0\n"
+        "\"$@\" 0<&0 > first.txt 2>&1 & pid=$!; i=0\n"
         "until eval \"$WAIT\" || [ $i -gt 400 ]; do sleep 0.05; i=$((i+1)); done\n"
         "kill -INT $pid; [ -n \"$TWICE\" ] && kill -TERM $pid\n"
         "wait $pid; echo \"FIRST $?\"; cat first.txt; echo SECOND; ls\n"
@@ -178,7 +179,8 @@ TEST(UpgradeRun, CtrlCStopsBetweenStepsAndTheNextRunSucceeds)
                               "/bin/sh", "-c", kScript, "sh"};
         const bool debug = c.args[0] == "-D";  // the boot ROM serves the debug mode's flash
         ProcessResult run = bench.Run(c.args, debug ? std::vector<std::string>{"--rom-flash", "yes"}
-                                                    : std::vector<std::string>{});
+                                                    : std::vector<std::string>{},
+                                      "", true);  // the console stays open, as at a terminal
         const size_t second = run.out.find("SECOND\n");
         ASSERT_NE(std::string::npos, second) << run.out;
         const std::string first = run.out.substr(0, second), after = run.out.substr(second);
