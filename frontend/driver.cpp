@@ -84,25 +84,31 @@ void PrintBanner(const char* title)
     std::printf("%s\n%s\n%s\n", kBannerLine, title, kBannerLine);
 }
 
-// Parses one image and prints its report; the parser keeps nothing afterwards.
-// True when the image is valid.
-bool ReportImage(FwParser& parser, const char* path)
+// Parses one image and prints its report (with --json also as data); the parser
+// keeps nothing afterwards. True when the image is valid.
+bool ReportImage(FwParser& parser, const char* path, JsonSink* json, const char* role)
 {
     parser.SetFilePath(path);
     const bool valid = parser.Parse() == 0;
     std::printf("%s", parser.GetFwInfo().c_str());
+    if (json) {
+        std::vector<SectionHeader> sections;
+        for (int i = 0; valid && i < parser.iSectionCount; ++i)
+            sections.push_back(DecodeSectionHeader(parser.pSection[i].get()));
+        json->Image(role, path, valid, parser.strErrMsg, sections);
+    }
     parser.FreeParser();
     return valid;
 }
 
 // -s: the report on both images. Its status is always 0: a missing or damaged
 // image shows in the report text (and, for --exit-code, in the returned class).
-FailureKind InformationRoad()
+FailureKind InformationRoad(JsonSink* json)
 {
     PrintBanner("                firmware information             ");
-    const bool mainValid = ReportImage(g_fwParser, g_Setting.strImagePath);
+    const bool mainValid = ReportImage(g_fwParser, g_Setting.strImagePath, json, "main");
     PrintBanner("             ETF firmware information            ");
-    const bool etfValid = ReportImage(g_etfFwParser, g_Setting.strEtfImagePath);
+    const bool etfValid = ReportImage(g_etfFwParser, g_Setting.strEtfImagePath, json, "etf");
     return mainValid && etfValid ? FailureKind::kNone : FailureKind::kImage;
 }
 
@@ -238,7 +244,7 @@ int DriverMain(int argc, char* argv[])
         ListPorts(end.Json());
         return end.Finish(0, true, FailureKind::kNone, "ports listed");
     case OptionOutcome::kShowInfo: {
-        const FailureKind kind = InformationRoad();
+        const FailureKind kind = InformationRoad(end.Json());
         return end.Finish(0, kind == FailureKind::kNone, kind, "images reported");
     }
     case OptionOutcome::kRunRoads:

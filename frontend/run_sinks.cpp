@@ -55,6 +55,20 @@ void JsonSink::Port(const std::string& path, const std::string& vendor, const st
              .dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
+void JsonSink::Image(const char* role, const std::string& path, bool valid, const std::string& error,
+                     const std::vector<SectionHeader>& sections)
+{
+    json list = json::array();
+    for (const SectionHeader& h : sections)
+        list.push_back(json{{"version", h.version}, {"data_checksum", h.data_checksum},
+                            {"data_size", h.data_size}, {"sram_offs", h.sram_offs},
+                            {"attribute", h.attribute}, {"next_section", h.next_section},
+                            {"ID", h.ID}, {"private", std::vector<unsigned>(h.priv, h.priv + sizeof h.priv)}});
+    Emit(json{{kFieldEvent, kEventImage}, {kFieldRole, role}, {kFieldPath, path}, {kFieldValid, valid},
+              {kFieldError, valid ? std::string() : error}, {kFieldSections, list}}
+             .dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
 void JsonSink::Result(int exitCode, const std::string& message, double seconds)
 {
     // Paths and texts may hold bytes that are not UTF-8: they are replaced, never

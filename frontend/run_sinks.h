@@ -6,6 +6,7 @@
 #include <string>
 
 #include "common/run_report.h"
+#include "image/image_format.h"
 
 // JSON objects, one per line, on `out` (the real standard output; everything else
 // goes to the error stream in this mode). Strings are escaped by the JSON library,
@@ -19,6 +20,9 @@ public:
     // One serial port found by --list-ports.
     void Port(const std::string& path, const std::string& vendor, const std::string& product,
               const std::string& serial, const std::string& driver, const std::string& byId);
+    // One image of the -s report: its parsed section headers (none when invalid).
+    void Image(const char* role, const std::string& path, bool valid, const std::string& error,
+               const std::vector<SectionHeader>& sections);
     // The last line of every run, exactly once.
     void Result(int exitCode, const std::string& message, double seconds);
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <sstream>
 #include <string>
 
 #include "image/FwParser.h"
@@ -209,4 +210,35 @@ TEST_F(DriverCli, CombineRefusesWhatWouldLoseAnInput)
             EXPECT_NE(0, access(dir.File("out.cimg").c_str(), F_OK));
         }
     }
+}
+
+// --json -s: the report as data, one "image" event per image with its section
+// headers (none for an image that does not parse, with the parser's reason), then
+// the result.
+TEST_F(DriverCli, JsonReportGivesTheImagesAsData)
+{
+    ImageSpec spec;
+    spec.version = 2;
+    spec.sections.resize(2);
+    spec.sections[0].data = PatternBytes(100, 1);
+    spec.sections[0].id = 7;
+    spec.sections[1].data = PatternBytes(10, 2);
+    ASSERT_TRUE(WriteFileBytes(dir.File("main.img"), BuildImage(spec)));
+    ProcessResult r = Run({"--json", "-i", "main.img", "-I", "none.img", "-s"});
+    EXPECT_EQ(3, r.exitStatus);  // --json implies --exit-code: an image failed
+    std::istringstream lines(r.out);
+    std::vector<std::string> got;
+    for (std::string line; std::getline(lines, line);)
+        got.push_back(line);
+    ASSERT_EQ(3u, got.size()) << r.out;
+    EXPECT_NE(std::string::npos, got[0].find("\"event\":\"image\",\"path\":\"main.img\",\"role\":\"main\","
+                                             "\"sections\":[{\"ID\":7,\"attribute\":0,\"data_checksum\":"))
+        << got[0];
+    EXPECT_NE(std::string::npos, got[0].find("\"data_size\":100,\"next_section\":164,")) << got[0];
+    EXPECT_NE(std::string::npos, got[0].find("\"next_section\":4294967295,")) << got[0];
+    EXPECT_NE(std::string::npos, got[0].find("\"valid\":true")) << got[0];
+    EXPECT_EQ("{\"error\":\"Open image file failed\",\"event\":\"image\",\"path\":\"none.img\",\"role\":\"etf\","
+              "\"sections\":[],\"valid\":false}",
+              got[1]);
+    EXPECT_NE(std::string::npos, got[2].find("\"event\":\"result\"")) << got[2];
 }
