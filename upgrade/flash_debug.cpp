@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include "common/cleanup_files.h"
-
 #include "common/flash_geometry.h"
 #include "common/run_report.h"
 #include "common/setting_record.h"
