@@ -15,6 +15,7 @@ constexpr char kEventProgress[] = "progress";  // region, phase, done, total
 constexpr char kEventRegion[] = "region";      // region, bytes, seconds, kbytes_per_s
 constexpr char kEventResult[] = "result";      // ok, exit_code, message, seconds, bytes
 constexpr char kEventPort[] = "port";          // path, vid, pid, serial, driver, by_id
+constexpr char kEventImage[] = "image";        // role, path, valid, error, sections (-s)
 
 constexpr char kFieldPort[] = "port";
 constexpr char kFieldRate[] = "rate";
@@ -35,6 +36,10 @@ constexpr char kFieldPid[] = "pid";
 constexpr char kFieldSerial[] = "serial";
 constexpr char kFieldDriver[] = "driver";
 constexpr char kFieldById[] = "by_id";
+constexpr char kFieldRole[] = "role";          // "main" or "etf"
+constexpr char kFieldValid[] = "valid";
+constexpr char kFieldError[] = "error";        // the parser's reason, empty when valid
+constexpr char kFieldSections[] = "sections";  // header fields by their image-format names
 
 // The exit status (and result exit_code) of a run the operator stopped; the same
 // value as FailureKind::kStopped.

@@ -8,6 +8,7 @@
 
 #include "common/stdio_file.h"
 #include "frontend/Setting.h"
+#include "image/FwParser.h"
 
 namespace {
 
@@ -55,6 +56,19 @@ int FailAndRemove(UniqueFile& combined, bool removable, const char* what, const 
     return Fail(failure, kind);
 }
 
+// A combined image of a damaged input would later be programmed as if it were
+// good, so each input must parse as an image before the output is created.
+bool ValidImage(FwParser& parser, const char* path)
+{
+    parser.SetFilePath(path);
+    const bool valid = parser.Parse() == 0;
+    if (!valid)
+        std::printf("Refused: %s is not a valid image (%s); nothing written\n", path,
+                    parser.strErrMsg.c_str());
+    parser.FreeParser();
+    return valid;
+}
+
 }  // namespace
 
 int CombineImage(FailureKind* failure)
@@ -69,6 +83,9 @@ int CombineImage(FailureKind* failure)
         std::printf("Failed to open ETF image file: %s\n", g_Setting.strEtfImagePath);
         return Fail(failure, FailureKind::kImage);
     }
+    if (!ValidImage(g_fwParser, g_Setting.strImagePath) ||
+        !ValidImage(g_etfFwParser, g_Setting.strEtfImagePath))
+        return Fail(failure, FailureKind::kImage);
     UniqueFile combined = OpenFile(g_Setting.strCombineImagePath, "w+");
     if (!combined) {
         std::printf("Failed to create combine image file: %s\n", g_Setting.strCombineImagePath);

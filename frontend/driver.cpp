@@ -16,8 +16,10 @@
 #include "frontend/options.h"
 #include "frontend/port_list.h"
 #include "frontend/progress_line.h"
+#include "frontend/preflight.h"
 #include "frontend/run_outcome.h"
 #include "frontend/run_sinks.h"
+#include "frontend/stop_signals.h"
 #include "frontend/upgrade_start.h"
 #include "frontend/warnings.h"
 #include "image/FwParser.h"
@@ -85,25 +87,31 @@ void PrintBanner(const char* title)
     std::printf("%s\n%s\n%s\n", kBannerLine, title, kBannerLine);
 }
 
-// Parses one image and prints its report; the parser keeps nothing afterwards.
-// True when the image is valid.
-bool ReportImage(FwParser& parser, const char* path)
+// Parses one image and prints its report (with --json also as data); the parser
+// keeps nothing afterwards. True when the image is valid.
+bool ReportImage(FwParser& parser, const char* path, JsonSink* json, const char* role)
 {
     parser.SetFilePath(path);
     const bool valid = parser.Parse() == 0;
     std::printf("%s", parser.GetFwInfo().c_str());
+    if (json) {
+        std::vector<SectionHeader> sections;
+        for (int i = 0; valid && i < parser.iSectionCount; ++i)
+            sections.push_back(DecodeSectionHeader(parser.pSection[i].get()));
+        json->Image(role, path, valid, parser.strErrMsg, sections);
+    }
     parser.FreeParser();
     return valid;
 }
 
 // -s: the report on both images. Its status is always 0: a missing or damaged
 // image shows in the report text (and, for --exit-code, in the returned class).
-FailureKind InformationRoad()
+FailureKind InformationRoad(JsonSink* json)
 {
     PrintBanner("                firmware information             ");
-    const bool mainValid = ReportImage(g_fwParser, g_Setting.strImagePath);
+    const bool mainValid = ReportImage(g_fwParser, g_Setting.strImagePath, json, "main");
     PrintBanner("             ETF firmware information            ");
-    const bool etfValid = ReportImage(g_etfFwParser, g_Setting.strEtfImagePath);
+    const bool etfValid = ReportImage(g_etfFwParser, g_Setting.strEtfImagePath, json, "etf");
     return mainValid && etfValid ? FailureKind::kNone : FailureKind::kImage;
 }
 
@@ -241,7 +249,7 @@ int DriverMain(int argc, char* argv[])
         ListPorts(end.Json());
         return end.Finish(0, true, FailureKind::kNone, "ports listed");
     case OptionOutcome::kShowInfo: {
-        const FailureKind kind = InformationRoad();
+        const FailureKind kind = InformationRoad(end.Json());
         return end.Finish(0, kind == FailureKind::kNone, kind, "images reported");
     }
     case OptionOutcome::kRunRoads:
@@ -273,20 +281,38 @@ int DriverMain(int argc, char* argv[])
         return end.Finish(-1, false, FailureKind::kUsage, "");
     // Everyday commands (--verify, --erase-all, --write, --info): roads of their own.
     if (g_Setting.iCommand != kCommandNone) {
+        // Safe by default, as the debug road: the port is checked before any byte.
+        const FailureKind refused = RefuseUnsafeRun(PreflightRoad::kUpgrade);
+        if (refused != FailureKind::kNone)
+            return end.Finish(-1, false, refused, "");
+        InstallStopSignals(g_Setting.bExitCode ? static_cast<int>(FailureKind::kStopped) : 255);
         const CommandOutcome command = RunCommandRoad(end.Json());
         return end.Finish(command.classicStatus, command.failure == FailureKind::kNone, command.failure,
                           command.successText);
     }
     FailureKind failure = FailureKind::kNone;
     if (g_Setting.iDebugOp != kDebugNone) {
+        // Safe by default: refused before the first byte; Ctrl-C stops between blocks.
+        if ((failure = RefuseUnsafeRun(PreflightRoad::kDebug)) != FailureKind::kNone)
+            return end.Finish(-1, false, failure, "");
+        InstallStopSignals(g_Setting.bExitCode ? static_cast<int>(FailureKind::kStopped) : 255);
         const int status = DebugRoad(failure);
         return end.Finish(status, status == 0, failure, "Debug operation OK!");
     }
     PrintImageSettings();
     if (g_Setting.bCombineImage) {
+        if ((failure = RefuseUnsafeRun(PreflightRoad::kCombine)) != FailureKind::kNone)
+            return end.Finish(-1, false, failure, "");
         const int status = CombineRoad(failure);
         return end.Finish(status, status == 0, failure, "Combine image OK!");
     }
+    // Safe by default: an upgrade refused here fails as every failed upgrade does
+    // (status 0, update status 2, no "Upgrade OK!").
+    if ((failure = RefuseUnsafeRun(PreflightRoad::kUpgrade)) != FailureKind::kNone) {
+        g_iUpdateStatus = 2;
+        return end.Finish(0, false, failure, "");
+    }
+    InstallStopSignals(g_Setting.bExitCode ? static_cast<int>(FailureKind::kStopped) : 0);
     UpgradeOutcome outcome;
     const int status = RunUpgradeRoad(outcome);
     return end.Finish(status, status == 0 && g_iUpdateStatus == 1, outcome.failure, "Upgrade OK!");

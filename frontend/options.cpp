@@ -12,6 +12,7 @@
 #include "frontend/Setting.h"
 #include "frontend/command_options.h"
 #include "frontend/warnings.h"
+#include "frontend/preflight.h"
 
 const char kOptionString[] = "A:b:B:c:C:d:D:e:f:g:G:hi:I:l:L:r:su:v?";
 
@@ -171,6 +172,7 @@ OptionOutcome ApplyOptions(int argc, char* argv[])
     ResetGetopt();
     PendingCommandArguments() = CommandArguments();
     g_Setting.iCommand = kCommandNone;
+    ResetPathNotes();  // safe by default: a path cut to fit its field is refused later
     int letter;
     while ((letter = getopt_long(argc, argv, scan.c_str(), kLongOptions, nullptr)) != -1) {
         switch (letter) {
@@ -196,6 +198,7 @@ OptionOutcome ApplyOptions(int argc, char* argv[])
         default:
             break;
         }
+        NotePathOption(letter, optarg);  // safe by default (see ResetPathNotes above)
         // getopt's own errors ('?', after its diagnostic on stderr) and -?.
         warnings::OptionNumber(letter, optarg);
         if (!ApplySettingOption(letter, optarg))

@@ -21,6 +21,18 @@ void JsonSink::Start(const std::string& port, uint32_t rate, const std::vector<s
 
 void JsonSink::Progress(const char* region, const char* phase, uint64_t done, uint64_t total)
 {
+    // A reader draws a bar from these: done never passes total (a cycle's whole
+    // block may be longer than what is left of a region) and never goes back
+    // within a region (a retried block starts over).
+    if (done > total)
+        done = total;
+    if (m_progressRegion == region && done < m_progressDone)
+        done = m_progressDone;
+    m_progressRegion = region;
+    m_progressDone = done;
+    // The debug mode reports no regions: its bytes are what its progress reached.
+    if (m_progressRegion == "debug")
+        m_debugBytes = done;
     Emit(json{{kFieldEvent, kEventProgress}, {kFieldRegion, region}, {kFieldPhase, phase}, {kFieldDone, done},
               {kFieldTotal, total}}
              .dump());
@@ -43,12 +55,26 @@ void JsonSink::Port(const std::string& path, const std::string& vendor, const st
              .dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
+void JsonSink::Image(const char* role, const std::string& path, bool valid, const std::string& error,
+                     const std::vector<SectionHeader>& sections)
+{
+    json list = json::array();
+    for (const SectionHeader& h : sections)
+        list.push_back(json{{"version", h.version}, {"data_checksum", h.data_checksum},
+                            {"data_size", h.data_size}, {"sram_offs", h.sram_offs},
+                            {"attribute", h.attribute}, {"next_section", h.next_section},
+                            {"ID", h.ID}, {"private", std::vector<unsigned>(h.priv, h.priv + sizeof h.priv)}});
+    Emit(json{{kFieldEvent, kEventImage}, {kFieldRole, role}, {kFieldPath, path}, {kFieldValid, valid},
+              {kFieldError, valid ? std::string() : error}, {kFieldSections, list}}
+             .dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
 void JsonSink::Result(int exitCode, const std::string& message, double seconds)
 {
     // Paths and texts may hold bytes that are not UTF-8: they are replaced, never
     // allowed to make the line invalid.
     Emit(json{{kFieldEvent, kEventResult}, {kFieldOk, exitCode == 0}, {kFieldExitCode, exitCode},
-              {kFieldMessage, message}, {kFieldSeconds, seconds}, {kFieldBytes, m_bytes}}
+              {kFieldMessage, message}, {kFieldSeconds, seconds}, {kFieldBytes, m_bytes + m_debugBytes}}
              .dump(-1, ' ', false, json::error_handler_t::replace));
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "common/run_report.h"
+#include "image/image_format.h"
 
 // JSON objects, one per line, on `out` (the real standard output; everything else
 // goes to the error stream in this mode). Strings are escaped by the JSON library,
@@ -21,6 +22,9 @@ public:
               const std::string& serial, const std::string& driver, const std::string& byId);
     // One object of an everyday command (--info, --verify), already serialised.
     void Object(const std::string& jsonText) { Emit(jsonText); }
+    // One image of the -s report: its parsed section headers (none when invalid).
+    void Image(const char* role, const std::string& path, bool valid, const std::string& error,
+               const std::vector<SectionHeader>& sections);
     // The last line of every run, exactly once.
     void Result(int exitCode, const std::string& message, double seconds);
 
@@ -29,6 +33,10 @@ private:
 
     std::FILE* m_out;
     uint64_t m_bytes = 0;
+    // The last progress event's region and done (kept monotonic, see Progress).
+    std::string m_progressRegion;
+    uint64_t m_progressDone = 0;
+    uint64_t m_debugBytes = 0;
 };
 
 // "main: 1048576 bytes in 13.9 s, 75.4 KB/s, 82% of line" for each region, on

@@ -75,7 +75,7 @@ int FwParser::Fail(const char* text)
 
 // Reads and checks the section whose header is at offset; nullptr when it is valid,
 // otherwise the failure text. HeaderBuf holds the header afterwards.
-const char* FwParser::CheckSection(std::FILE* fp, uint32_t offset, unsigned char* piece)
+const char* FwParser::CheckSection(std::FILE* fp, uint64_t offset, unsigned char* piece)
 {
     // Cleared first, so that a header cut short by the end of the file is checked
     // with zeros in place of the missing bytes, never with a stale earlier header.
@@ -94,6 +94,14 @@ const char* FwParser::CheckSection(std::FILE* fp, uint32_t offset, unsigned char
 
 int FwParser::Parse()
 {
+    return ParseAt(0);
+}
+
+// next_section values are relative to the image's own start, so an image that
+// begins at `base` inside a larger file (the ETF part of a combined image) has
+// every header at base + offset.
+int FwParser::ParseAt(uint64_t base)
+{
     FreeParser();
     UniqueFile fp = OpenFile(strFilePath.c_str(), "r");
     if (!fp)
@@ -103,7 +111,7 @@ int FwParser::Parse()
     uint32_t offset = 0;
     for (int i = 0; i < kMaxSections; ++i) {
         pSection[i].reset(new unsigned char[kSectionRecordSize]());
-        if (const char* failure = CheckSection(fp.get(), offset, piece.get()))
+        if (const char* failure = CheckSection(fp.get(), base + offset, piece.get()))
             return Fail(failure);
         std::memcpy(pSection[i].get(), HeaderBuf, kSectionHeaderSize);
         uint32_t next = LoadLe32(HeaderBuf + kOffNextSection);

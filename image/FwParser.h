@@ -19,6 +19,8 @@ public:
     void SetFilePath(std::string path);
     std::string GetFilePath() const;
     int Parse();
+    // Parse with the chain starting `base` bytes into the file.
+    int ParseAt(uint64_t base);
     void FreeParser();
     std::string GetFwInfo() const;
     unsigned short CheckSum16(unsigned char* buf, int len);
@@ -33,7 +35,7 @@ public:
 
 private:
     int Fail(const char* text);
-    const char* CheckSection(std::FILE* fp, uint32_t offset, unsigned char* piece);
+    const char* CheckSection(std::FILE* fp, uint64_t offset, unsigned char* piece);
     const unsigned char* Record(int index) const;
 };
 

@@ -220,6 +220,14 @@ int MakeImage(int argc, char* argv[])
                                  "parameters of images below version 2\n");
     }
     std::vector<uint8_t> image = BuildImage(req.spec);
+    // An upgrade initialises the OTA area after programming the image: data that
+    // reach into it would be overwritten by the OTA header and erased space.
+    if (req.hasOtaSize && req.spec.version >= 2 && req.otaAddr != 0xFFFFFFFFu &&
+        req.otaAddr < image.size()) {
+        std::fprintf(stderr, "kestrel_mkimage: refused: the image's %zu bytes reach into its own "
+                             "OTA area at 0x%08X; nothing written\n", image.size(), req.otaAddr);
+        return 1;
+    }
     if (!WriteOutput(req.outPath, image))
         return 1;
     std::printf("Wrote %s: %zu sections, %zu bytes, version %u\n", req.outPath.c_str(),

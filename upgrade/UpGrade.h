@@ -1,6 +1,7 @@
 // The upgrade engine's entry points.
 #pragma once
 #include <cstdint>
+#include <string>
 
 #include "common/failure_kind.h"
 
@@ -22,6 +23,9 @@ void* UpGradeThread(void* arg);
 // its class in *failure when one is handed in.
 int FlashOperate(unsigned int op, unsigned int address, unsigned int length, char* file,
                  FailureKind* failure = nullptr);
+
+// The file a debug read of this range goes to, in the working folder.
+std::string DebugReadFileName(unsigned int address, unsigned int length);
 
 // The OTA header image, rebuilt by GenerateOtaBuf; returns the slot count.
 enum { kOtaHeaderSize = 2048 };

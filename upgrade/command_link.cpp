@@ -5,13 +5,6 @@
 #include "flashhost/CFlashHost.h"
 #include "upgrade/everyday_commands.h"
 
-uint64_t FlashCapacityInUse()
-{
-    if (g_Setting.iFlashSize != 0)
-        return g_Setting.iFlashSize;
-    return g_flashHost.FlashCapacity();
-}
-
 int ConnectForCommand(FailureKind& failure)
 {
     // Running firmware makes way on this text, as before an upgrade.

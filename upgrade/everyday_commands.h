@@ -8,10 +8,7 @@
 #include <vector>
 
 #include "common/failure_kind.h"
-
-// The flash capacity every range check uses: --flash-size when given, else what
-// the identifier read at the connection announces (0: unknown).
-uint64_t FlashCapacityInUse();
+#include "upgrade/flash_regions.h"
 
 // Connects to the target as an upgrade does; on failure prints the flash host's
 // text, leaves its class in `failure` and returns -1.

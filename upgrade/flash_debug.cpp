@@ -5,9 +5,12 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/cleanup_files.h"
 #include "common/flash_geometry.h"
 #include "common/run_report.h"
 #include "common/setting_record.h"
@@ -15,6 +18,8 @@
 #include "flashhost/CFlashHost.h"
 #include "upgrade/UpGrade.h"
 #include "upgrade/block_walk.h"
+#include "upgrade/flash_regions.h"
+#include "upgrade/write_cycle.h"
 
 namespace {
 
@@ -71,12 +76,15 @@ public:
             close(fd);
         if (!m_file)
             m_temp.clear();
+        else
+            m_slot = RegisterCleanupFile(m_temp.c_str());  // a second Ctrl-C removes it too
     }
     ~PendingFile()
     {
         m_file.reset();
         if (!m_temp.empty())
             unlink(m_temp.c_str());
+        ForgetCleanupFile(m_slot);
     }
     PendingFile(const PendingFile&) = delete;
     PendingFile& operator=(const PendingFile&) = delete;
@@ -89,6 +97,8 @@ public:
         FILE* file = m_file.release();
         if (fclose(file) != 0 || rename(m_temp.c_str(), m_final.c_str()) != 0)
             return false;
+        ForgetCleanupFile(m_slot);
+        m_slot = -1;
         m_temp.clear();
         return true;
     }
@@ -97,7 +107,36 @@ private:
     std::string m_final;
     std::string m_temp;
     UniqueFile m_file;
+    int m_slot = -1;
 };
+
+// Whether the final name can take the read's file (a folder of that name, or a
+// file that may not be written, cannot), tried before any flash is read: otherwise
+// the whole range would be read first and the rename fail at the end. A file this
+// check creates is removed again; one that was there is left untouched.
+bool FinalNameWritable(const char* name)
+{
+    struct stat info;
+    const bool existed = stat(name, &info) == 0;
+    const int fd = open(name, O_WRONLY | O_CREAT, 0666);
+    if (fd < 0)
+        return false;
+    close(fd);
+    if (!existed)
+        unlink(name);
+    return true;
+}
+
+// The operator's stop (console "stop", Ctrl-C) ends a debug operation between two
+// blocks, never inside one.
+bool StoppedBetweenBlocks(FailureKind& kind)
+{
+    if (!StopRequested())
+        return false;
+    printf("User stoped!\n");
+    kind = FailureKind::kStopped;
+    return true;
+}
 
 int FailWith(FailureKind& failure, FailureKind kind)
 {
@@ -109,8 +148,12 @@ int FailWith(FailureKind& failure, FailureKind kind)
 // that class, not as a flash command.
 int ReadRange(unsigned int address, unsigned int length, FailureKind& failure)
 {
-    char name[64];
-    snprintf(name, sizeof name, "flash_A_0x%X_L_0x%X.bin", address, length);
+    const std::string finalName = DebugReadFileName(address, length);
+    const char* name = finalName.c_str();
+    if (!FinalNameWritable(name)) {
+        printf("Failed to create file: %s\n", name);
+        return FailWith(failure, FailureKind::kLocalFile);
+    }
     PendingFile file(name);
     if (!file.get()) {
         printf("Failed to create file: %s\n", name);
@@ -119,6 +162,8 @@ int ReadRange(unsigned int address, unsigned int length, FailureKind& failure)
     BlockBuffer buffer = NewBlockBuffer();
     FailureKind kind = FailureKind::kFlashCommand;
     int result = ForEachBlock(address, length, [&](const BlockPiece& piece) {
+        if (StoppedBetweenBlocks(kind))
+            return -1;
         if (g_flashHost.ReadFlashLength(piece.address, buffer.get(), piece.size) != 0) {
             printf("Read failed: %s\n", g_flashHost.m_strMsg.c_str());
             return -1;
@@ -159,6 +204,8 @@ int WriteRange(unsigned int address, unsigned int length, const char* path, Fail
     BlockBuffer buffer = NewBlockBuffer();
     FailureKind kind = FailureKind::kFlashCommand;
     int result = ForEachBlock(address, length, [&](const BlockPiece& piece) {
+        if (StoppedBetweenBlocks(kind))
+            return -1;
         // Sectors go whole: the bytes after a tail that ends inside a sector are
         // the erased value, so the flash past the tail stays as it was.
         memset(buffer.get(), kErasedByte, kBlockSize);
@@ -187,11 +234,19 @@ int EraseRange(unsigned int address, unsigned int length, FailureKind& failure)
         printf("Erase failed: %s\n", g_flashHost.m_strMsg.c_str());
         return FailWith(failure, FailureKind::kFlashCommand);
     }
+    run_report::Progress("debug", "erase", length, length);
     printf("Erase addr:0x%08X len:0x%08X OK!\n", address, length);
     return CloseAndReturn(0);
 }
 
 }  // namespace
+
+std::string DebugReadFileName(unsigned int address, unsigned int length)
+{
+    char name[64];
+    snprintf(name, sizeof name, "flash_A_0x%X_L_0x%X.bin", address, length);
+    return name;
+}
 
 int FlashOperate(unsigned int op, unsigned int address, unsigned int length, char* file,
                  FailureKind* failure)
@@ -203,6 +258,9 @@ int FlashOperate(unsigned int op, unsigned int address, unsigned int length, cha
         kind = FailureKind::kOther;
         return -1;
     }
+    // Every road that talks to a target announces itself to the run's sink.
+    run_report::Start(g_flashHost.GetComNum(), g_flashHost.GetBaud(),
+                      op == kDebugWrite ? std::vector<std::string>{file} : std::vector<std::string>{});
     printf("Debug op:%s\n", FlashDebugOp[op]);
     printf("Address:0x%08X\n", address);
     printf("Length:0x%08X\n", length);
@@ -214,6 +272,13 @@ int FlashOperate(unsigned int op, unsigned int address, unsigned int length, cha
         kind = g_flashHost.m_failKind;
         printf("%s\n", g_flashHost.m_strMsg.c_str());
         return -1;
+    }
+    // A range past the end of the flash is refused before anything is read, written
+    // or erased: an erase would otherwise clear what it can, then fail.
+    std::string why;
+    if (CheckFlashRegions({{"debug range", address, length}}, FlashCapacityInUse(), why) != 0) {
+        printf("%s\n", why.c_str());
+        return FailWith(kind, FailureKind::kUsage);
     }
     switch (op) {
     case kDebugRead:

@@ -3,6 +3,9 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "common/setting_record.h"
+#include "flashhost/CFlashHost.h"
+
 namespace {
 
 // Flash addresses are 32-bit: nothing may reach past the last one, whatever the
@@ -64,4 +67,11 @@ int CheckFlashRegions(const std::vector<FlashRegion>& regions, uint64_t capacity
         }
     }
     return 0;
+}
+
+uint64_t FlashCapacityInUse()
+{
+    if (g_Setting.iFlashSize != 0)
+        return g_Setting.iFlashSize;
+    return g_flashHost.FlashCapacity();
 }

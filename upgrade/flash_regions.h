@@ -22,6 +22,10 @@ struct FlashRegion {
 // and the 32-bit address space are checked.
 int CheckFlashRegions(const std::vector<FlashRegion>& regions, uint64_t capacity, std::string& why);
 
+// The flash capacity every range check uses: --flash-size when given, else what
+// the identifier read at the connection announces (0: unknown).
+uint64_t FlashCapacityInUse();
+
 // "0x%08X-0x%08X" of the region's first and last byte (the first byte alone for an
 // empty region).
 std::string DescribeFlashRange(uint64_t address, uint64_t length);

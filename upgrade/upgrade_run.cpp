@@ -16,6 +16,7 @@
 #include "image/image_format.h"
 #include "upgrade/UpGrade.h"
 #include "upgrade/etf_image.h"
+#include "upgrade/flash_regions.h"
 #include "upgrade/main_image.h"
 #include "upgrade/ota_area.h"
 #include "upgrade/run_state.h"
@@ -159,8 +160,19 @@ int PlanPhases(UpgradeRun& run, PhasePlan& plan)
         return 0;
     EtfSource source;
     if (run.combined) {
+        // The ETF part is an image of its own starting right after the main
+        // image: parsed there, checks included, its first section's next_section
+        // gives where its data begin, whatever the main image's first extent is.
+        FwParser etfPart;
+        etfPart.SetFilePath(run.mainPath);
+        if (etfPart.ParseAt(run.mainLength) != 0) {
+            std::printf("Invalid etf image in combined image file: %s (%s at offset 0x%08X)\n",
+                        run.mainPath.c_str(), etfPart.strErrMsg.c_str(), run.mainLength);
+            std::fflush(stdout);
+            return ImageFailure(run);
+        }
         source.base = run.mainLength;
-        source.firstNext = LoadLe32(mainHeader + kOffNextSection);
+        source.firstNext = LoadLe32(FirstHeader(etfPart) + kOffNextSection);
     } else {
         source.firstNext = LoadLe32(FirstHeader(g_etfFwParser) + kOffNextSection);
     }
@@ -228,6 +240,24 @@ std::vector<std::string> ImagePaths()
     return paths;
 }
 
+// The regions the phases will write, checked once the flash identifier is known
+// and before the first erase: a main image reaching into its own OTA area would
+// lose its tail to the OTA set-up, and a region past the flash's end would be
+// erased block by block until the chip refuses a command.
+int CheckRegions(UpgradeRun& run, const PhasePlan& plan)
+{
+    std::vector<FlashRegion> regions{{"main image", 0, run.mainLength}};
+    if (plan.ota)
+        regions.push_back({"OTA area", plan.otaLayout.address, plan.otaLayout.size});
+    if (plan.etf)
+        regions.push_back({"ETF image", plan.etfPlan.start, EtfBytes(plan.etfPlan)});
+    std::string why;
+    if (CheckFlashRegions(regions, FlashCapacityInUse(), why) == 0)
+        return 0;
+    PrintLine(why);
+    return ImageFailure(run);
+}
+
 // Everything from the connection attempt on; leaves the final status.
 void ConnectAndProgram(UpgradeRun& run, const PhasePlan& plan)
 {
@@ -240,7 +270,7 @@ void ConnectAndProgram(UpgradeRun& run, const PhasePlan& plan)
         AbortRun(run);
         return;
     }
-    if (ProgramFlash(run, plan) != 0) {
+    if (CheckRegions(run, plan) != 0 || ProgramFlash(run, plan) != 0) {
         AbortRun(run);
         return;
     }

@@ -40,19 +40,52 @@ TEST(OutcomeCodes, EachFailureClassHasItsStatus)
     }
 }
 
+// Every line parses; progress never passes its total nor goes back in a region.
+std::vector<nlohmann::json> ParseEvents(const std::string& out)
+{
+    std::vector<nlohmann::json> events;
+    std::istringstream lines(out);
+    std::string region;
+    uint64_t last = 0;
+    for (std::string line; std::getline(lines, line);) {
+        nlohmann::json event = nlohmann::json::parse(line, nullptr, false);
+        EXPECT_FALSE(event.is_discarded()) << line;
+        if (event.is_discarded())
+            continue;
+        if (event["event"] == "progress") {
+            const uint64_t done = event["done"].get<uint64_t>();
+            EXPECT_LE(done, event["total"].get<uint64_t>()) << line;
+            if (event["region"] == region) {
+                EXPECT_GE(done, last) << line;
+            }
+            region = event["region"];
+            last = done;
+        }
+        events.push_back(event);
+    }
+    return events;
+}
+
+// A debug read also starts with "start" and ends with the bytes it moved.
+TEST(OutcomeJson, ADebugReadIsStartProgressAndAResultWithItsBytes)
+{
+    UpgradeBench bench;
+    ProcessResult r = bench.Run({"--json", "-D", "r", "-A", "0", "-L", "0x18000"}, {"--rom-flash", "yes"});
+    EXPECT_EQ(0, r.exitStatus) << r.err;
+    std::vector<nlohmann::json> events = ParseEvents(r.out);
+    ASSERT_GE(events.size(), 3u) << r.out;
+    EXPECT_EQ("start", events.front()["event"]);
+    EXPECT_EQ("result", events.back()["event"]);
+    EXPECT_EQ(0x18000u, events.back()["bytes"].get<unsigned>());
+}
+
 TEST(OutcomeJson, AnUpgradeIsStartProgressRegionsAndOneResult)
 {
     UpgradeBench bench;
     bench.WriteFile("main.img", MakeImage(2, {70000}, 52, 0x8000, 0x1F8000));
     ProcessResult r = bench.Run({"--fast", "--json", "-i", "main.img", "-r", "1"});
     EXPECT_EQ(0, r.exitStatus) << r.err;
-    std::vector<nlohmann::json> events;
-    std::istringstream lines(r.out);
-    for (std::string line; std::getline(lines, line);) {
-        nlohmann::json event = nlohmann::json::parse(line, nullptr, false);
-        ASSERT_FALSE(event.is_discarded()) << line;
-        events.push_back(event);
-    }
+    std::vector<nlohmann::json> events = ParseEvents(r.out);
     ASSERT_GE(events.size(), 4u);
     EXPECT_EQ("start", events.front()["event"]);
     EXPECT_EQ("main.img", events.front()["images"][0]);

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <sstream>
 #include <string>
 
 #include "image/FwParser.h"
@@ -45,6 +46,14 @@ protected:
     {
         ASSERT_TRUE(WriteFileBytes(dir.File(name), PatternBytes(count, seed)));
     }
+    // A valid one-section image file of `count` bytes in all (at least the header's 64).
+    void WriteImage(const std::string& name, size_t count, uint8_t seed)
+    {
+        ImageSpec spec;
+        spec.sections.resize(1);
+        spec.sections[0].data = PatternBytes(count - 64, seed);
+        ASSERT_TRUE(WriteFileBytes(dir.File(name), BuildImage(spec)));
+    }
     TempDir dir;
 };
 
@@ -79,8 +88,8 @@ TEST_F(DriverCli, NoArgumentsShowsUsageThenTakesTheSettingsRoad)
 
 TEST_F(DriverCli, SettingsReportAndEmptyCombinePath)
 {
-    WriteBytes("tq-system.img", 10, 1);
-    WriteBytes("tq-system_etf.img", 10, 2);
+    WriteImage("tq-system.img", 74, 1);
+    WriteImage("tq-system_etf.img", 74, 2);
     ProcessResult r = Run({"-D", "n", "-g", "1"});
     EXPECT_EQ("Error operation:n\n--------------SETTING--------------\nCOM:/dev/ttyUSB0\n"
               "Baud:921600\nLog path:./log/log.txt\nLog level:0\nImage path:tq-system.img\n"
@@ -93,13 +102,13 @@ TEST_F(DriverCli, SettingsReportAndEmptyCombinePath)
 
 TEST_F(DriverCli, CombineWritesBothImagesBackToBack)
 {
-    WriteBytes("main.img", 5000, 3);
-    WriteBytes("etf.img", 3, 9);
+    WriteImage("main.img", 5000, 3);
+    WriteImage("etf.img", 67, 9);
     ProcessResult r = Run({"-D", "n", "-g", "1", "-i", "main.img", "-I", "etf.img", "-G", "out.cimg"});
     EXPECT_EQ(0, r.exitStatus);
     EXPECT_NE(std::string::npos,
               r.out.find("Combine image path:out.cimg\nCreate combine image file: out.cimg SUCCESS!\n"));
-    std::vector<unsigned char> both = ReadFileBytes(dir.File("main.img")), etf = PatternBytes(3, 9);
+    std::vector<unsigned char> both = ReadFileBytes(dir.File("main.img")), etf = ReadFileBytes(dir.File("etf.img"));
     both.insert(both.end(), etf.begin(), etf.end());
     EXPECT_EQ(both, ReadFileBytes(dir.File("out.cimg")));
 
@@ -117,14 +126,14 @@ TEST_F(DriverCli, CombineThatCannotWriteLeavesNoPartialImage)
     ProcessResult r;
     for (size_t mainSize : {5000, 300}) {
         SCOPED_TRACE(mainSize);
-        WriteBytes("main.img", mainSize, 3);
-        WriteBytes("etf.img", 3, 9);
+        WriteImage("main.img", mainSize, 3);
+        WriteImage("etf.img", 67, 9);
         r = Run({"-D", "n", "-g", "1", "-i", "main.img", "-I", "etf.img", "-G", "/dev/full"});
         EXPECT_EQ(255, r.exitStatus);
         EXPECT_NE(std::string::npos, r.out.find("Failed to write combine image file: /dev/full\n")) << r.out;
         EXPECT_EQ(std::string::npos, r.out.find("SUCCESS")) << r.out;
     }
-    WriteBytes("main.img", 5000, 3);
+    WriteImage("main.img", 5000, 3);
     struct stat info;
     ASSERT_EQ(0, stat("/dev/full", &info));
     EXPECT_TRUE(S_ISCHR(info.st_mode));
@@ -215,4 +224,77 @@ TEST(DriverWarnings, SilentSurprisesAreExplainedOnStderr)
     EXPECT_EQ(255, fast.exitStatus);
     EXPECT_TRUE(Has(fast.err, "error: the serial port does not take 460800 bit/s")) << fast.err;
     EXPECT_FALSE(Has(fast.out, "Open uart error!")) << fast.out;
+}
+
+// Refused before anything is written: an output that is one of the inputs (found
+// by device and inode, so another name for the same file counts), an input that
+// is not an image, a path cut to fit its field. The inputs stay byte for byte, no
+// output appears, and the status is the combine road's failure (its class with
+// --exit-code).
+TEST_F(DriverCli, CombineRefusesWhatWouldLoseAnInput)
+{
+    WriteImage("main.img", 5000, 3);
+    WriteImage("etf.img", 67, 9);
+    WriteBytes("junk.img", 300, 4);
+    ASSERT_EQ(0, symlink("main.img", dir.File("alias.img").c_str()));
+    const std::string longPath(300, 'x');
+    const struct {
+        std::vector<std::string> args;
+        const char* line;
+        int exitCode;
+    } cases[] = {
+        {{"-G", "main.img"}, "Refused: the combine image file main.img is the image file main.img; nothing written\n", 2},
+        {{"-G", "./etf.img"}, "Refused: the combine image file ./etf.img is the ETF image file etf.img; nothing written\n", 2},
+        {{"-G", "alias.img"}, "Refused: the combine image file alias.img is the image file main.img", 2},
+        {{"-i", "junk.img", "-G", "out.cimg"}, "Refused: junk.img is not a valid image (Wrong Section Header MAGIC); nothing written\n", 3},
+        {{"-G", longPath}, "Refused: the path of -G is 300 bytes, longer than the 259 its field holds: xxx", 2},
+    };
+    const Bytes mainBefore = ReadFileBytes(dir.File("main.img")), etfBefore = ReadFileBytes(dir.File("etf.img"));
+    for (const auto& c : cases) {
+        for (bool exitCode : {false, true}) {
+            std::vector<std::string> args{"-D", "n", "-g", "1", "-i", "main.img", "-I", "etf.img"};
+            args.insert(args.end(), c.args.begin(), c.args.end());
+            if (exitCode)
+                args.push_back("--exit-code");
+            ProcessResult r = Run(args);
+            SCOPED_TRACE(c.line);
+            EXPECT_NE(std::string::npos, r.out.find(c.line)) << r.out;
+            EXPECT_EQ(exitCode ? c.exitCode : 255, r.exitStatus);
+            EXPECT_EQ(std::string::npos, r.out.find("SUCCESS"));
+            EXPECT_EQ(mainBefore, ReadFileBytes(dir.File("main.img")));
+            EXPECT_EQ(etfBefore, ReadFileBytes(dir.File("etf.img")));
+            EXPECT_NE(0, access(dir.File("out.cimg").c_str(), F_OK));
+        }
+    }
+}
+
+// --json -s: the report as data, one "image" event per image with its section
+// headers (none for an image that does not parse, with the parser's reason), then
+// the result.
+TEST_F(DriverCli, JsonReportGivesTheImagesAsData)
+{
+    ImageSpec spec;
+    spec.version = 2;
+    spec.sections.resize(2);
+    spec.sections[0].data = PatternBytes(100, 1);
+    spec.sections[0].id = 7;
+    spec.sections[1].data = PatternBytes(10, 2);
+    ASSERT_TRUE(WriteFileBytes(dir.File("main.img"), BuildImage(spec)));
+    ProcessResult r = Run({"--json", "-i", "main.img", "-I", "none.img", "-s"});
+    EXPECT_EQ(3, r.exitStatus);  // --json implies --exit-code: an image failed
+    std::istringstream lines(r.out);
+    std::vector<std::string> got;
+    for (std::string line; std::getline(lines, line);)
+        got.push_back(line);
+    ASSERT_EQ(3u, got.size()) << r.out;
+    EXPECT_NE(std::string::npos, got[0].find("\"event\":\"image\",\"path\":\"main.img\",\"role\":\"main\","
+                                             "\"sections\":[{\"ID\":7,\"attribute\":0,\"data_checksum\":"))
+        << got[0];
+    EXPECT_NE(std::string::npos, got[0].find("\"data_size\":100,\"next_section\":164,")) << got[0];
+    EXPECT_NE(std::string::npos, got[0].find("\"next_section\":4294967295,")) << got[0];
+    EXPECT_NE(std::string::npos, got[0].find("\"valid\":true")) << got[0];
+    EXPECT_EQ("{\"error\":\"Open image file failed\",\"event\":\"image\",\"path\":\"none.img\",\"role\":\"etf\","
+              "\"sections\":[],\"valid\":false}",
+              got[1]);
+    EXPECT_NE(std::string::npos, got[2].find("\"event\":\"result\"")) << got[2];
 }

@@ -60,6 +60,8 @@ TEST_F(MkImage, BadArgumentsGiveUsageAndStatusOne)
         {"-o", "x.img", "--random-data", "5", "1", "--id", "3"},
         {"-o", "x.img", "--id", "12z", "--random-data", "5", "1"},
         {"-o", "x.img", "--ota-size", "100", "--random-data", "5", "1"},
+        // data reaching into the image's own OTA area
+        {"-o", "x.img", "-v", "2", "--ota-size", "0x8000", "--ota-addr", "0x10000", "--random-data", "70000", "1"},
         {"-o", "x.img", "--bogus", "--random-data", "5", "1"},
         {"--make-data", "d.bin", "-1", "1"},
     };

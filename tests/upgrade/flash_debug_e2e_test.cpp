@@ -3,6 +3,7 @@
 // 255. The boot ROM serves the flash, since the debug mode uploads no boot-loader.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <functional>
 
@@ -74,6 +75,11 @@ TEST(FlashDebugEndToEnd, FailuresEndTheToolWithStatus255AndLeaveFlashAndFolderAl
         {"GetFlashId:every:noreply", {"-D", "r", "-A", "0", "-L", "0x200"}, "Get Flash ID error!\n"},
         {"", {"-D", "w", "-A", "0x20000", "-L", "0x2001", "-B", "data.bin"}, "Failed to read file: data.bin"},
         {"", {"-D", "w", "-A", "0", "-L", "0x200", "-B", "absent.bin"}, "Failed to open file: absent.bin\n"},
+        // Ranges past the end of the 4 MiB flash: refused once the identifier is read.
+        {"", {"-D", "e", "-A", "0x3F0000", "-L", "0x20000"},
+         "Refused: debug range 0x003F0000-0x0040FFFF ends past the flash's 4194304 bytes (0x00000000-0x003FFFFF)\n"},
+        {"", {"-D", "w", "-A", "0x3FFF00", "-L", "0x200", "-B", "data.bin"}, "Refused: debug range 0x003FFF00-0x004000FF"},
+        {"", {"-D", "r", "-A", "0x400000", "-L", "0x200"}, "Refused: debug range 0x00400000-0x004001FF"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
@@ -112,6 +118,53 @@ TEST(FlashDebugEndToEnd, DeviceThatCannotBeOpenedFailsAtOnce)
     holder.UART_Close();
     EXPECT_EQ(255, r.exitStatus) << r.out;
     EXPECT_TRUE(Has(r.out, "ERR: can't open serial port:" + path + "!\r\nOpen uart error!\n")) << r.out;
+}
+
+// Refused before the first byte reaches anything: a port that is not a terminal
+// (no 12-second wait on /dev/null, the file given as the port unchanged), a read
+// file whose name is taken by a folder (nothing is read), a read file that is the
+// -B file. The status is the road's failure; with --exit-code its class.
+TEST(FlashDebugEndToEnd, RefusalsComeBeforeAnyByteIsWrittenOrRead)
+{
+    UpgradeBench bench;
+    const Bytes image = PatternBytes(5000, 7);
+    bench.WriteFile("main.img", image);
+    bench.WriteFile("flash_A_0x0_L_0x100.bin", image);
+    std::filesystem::create_directory(bench.Path("folder"));
+    std::filesystem::create_directory(bench.Path("flash_A_0x0_L_0x200.bin"));
+    const struct {
+        std::vector<std::string> args;  // a "-c" among them replaces the simulator's port
+        std::string line;
+        int status;
+        int exitCode;
+    } cases[] = {
+        {{"-D", "r", "-c", "main.img"}, "Refused: the port main.img is a regular file, not a terminal; nothing written\n", 255, 4},
+        {{"-D", "r", "-c", "/dev/null"}, "Refused: the port /dev/null is a mem device, not a terminal", 255, 4},
+        {{"-D", "e", "-c", "folder"}, "Refused: the port folder is a folder, not a terminal", 255, 4},
+        {{"-i", "main.img", "-c", "main.img"}, "Refused: the port main.img is a regular file", 0, 4},
+        {{"-i", "main.img", "-c", "/dev/null"}, "Refused: the port /dev/null is a mem device", 0, 4},
+        {{"-D", "r", "-A", "0", "-L", "0x200"}, "Failed to create file: flash_A_0x0_L_0x200.bin\n", 255, 9},
+        {{"-D", "r", "-A", "0", "-L", "0x100", "-B", "./flash_A_0x0_L_0x100.bin"},
+         "Refused: the debug read file flash_A_0x0_L_0x100.bin is the -B file", 255, 2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        for (bool exitCode : {false, true}) {
+            std::vector<std::string> args = c.args;
+            if (exitCode)
+                args.push_back("--exit-code");
+            const auto start = std::chrono::steady_clock::now();
+            ProcessResult r = bench.Run(args, kRomFlash);
+            EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+            EXPECT_EQ(exitCode ? c.exitCode : c.status, r.exitStatus) << r.out;
+            EXPECT_TRUE(Has(r.out, c.line)) << r.out;
+            EXPECT_FALSE(Has(r.out, "OK!")) << r.out;
+            EXPECT_EQ(image, ReadFileBytes(bench.Path("main.img")));
+            EXPECT_EQ(image, ReadFileBytes(bench.Path("flash_A_0x0_L_0x100.bin")));
+            EXPECT_EQ(0u, CountFramesReceived(bench.Trace(), 0x1A));  // no sector read
+            EXPECT_EQ(-1, FirstDifference(bench.Flash(), bench.InitialFlash()));
+        }
+    }
 }
 
 }  // namespace

@@ -122,24 +122,75 @@ TEST(EtfImageRun, RetryAfterAFailedWriteKeepsTheOtaHeaderInTheSharedBlock)
     EXPECT_EQ(FirstDifference(bench.Flash(), Expected(bench.InitialFlash(), image, otaAddress, otaSize, etfData)), -1);
 }
 
+// The ETF part of a combined image is parsed where it starts (right after the main
+// image) and its data found from its own first section, whatever the main image's
+// first section is: same extent, shorter, longer.
 TEST(EtfImageRun, CombinedImageWritesBothParts)
 {
-    UpgradeBench bench;
     const uint32_t otaAddress = 0x001F8000, otaSize = 32768;
-    // The ETF image's first section has the extent of the main image's first section:
-    // that is how the ETF data are found inside the combined file.
-    const Bytes image = MakeImage(2, {1500, 70000}, 40, otaSize, otaAddress);
-    const Bytes etf = MakeImage(1, {1500, 3000}, 41);
-    Bytes combined = image;
-    combined.insert(combined.end(), etf.begin(), etf.end());
-    bench.WriteFile("both.cimg", combined);
+    for (size_t etfFirst : {1500, 200, 5000}) {
+        SCOPED_TRACE(etfFirst);
+        UpgradeBench bench;
+        const Bytes image = MakeImage(2, {1500, 70000}, 40, otaSize, otaAddress);
+        const Bytes etf = MakeImage(1, {etfFirst, 3000}, 41);
+        Bytes combined = image;
+        combined.insert(combined.end(), etf.begin(), etf.end());
+        bench.WriteFile("both.cimg", combined);
 
-    ProcessResult run = bench.Run({"-i", "both.cimg", "-u", "0"});
-    ASSERT_EQ(run.exitStatus, 0) << run.out;
-    ExpectLines(run.out, {"\nCombined image!!\n", "Start the ETF image programing...", "100%: Upgrade OK!\n"});
-    EXPECT_EQ(run.out.find("ETF firmware information"), std::string::npos);
-    const Bytes etfData(etf.begin() + 64 + 1500, etf.end());
-    EXPECT_EQ(FirstDifference(bench.Flash(), Expected(bench.InitialFlash(), image, otaAddress, otaSize, etfData)), -1);
+        ProcessResult run = bench.Run({"-i", "both.cimg", "-u", "0"});
+        ASSERT_EQ(run.exitStatus, 0) << run.out;
+        ExpectLines(run.out, {"\nCombined image!!\n", "Start the ETF image programing...", "100%: Upgrade OK!\n"});
+        EXPECT_EQ(run.out.find("ETF firmware information"), std::string::npos);
+        const Bytes etfData(etf.begin() + 64 + etfFirst, etf.end());
+        EXPECT_EQ(FirstDifference(bench.Flash(), Expected(bench.InitialFlash(), image, otaAddress, otaSize, etfData)), -1);
+    }
+}
+
+// Refused before the first erase, with a line naming the regions: a main image
+// reaching into its own OTA area, one larger than the flash, an ETF image past the
+// flash's end, a combined image whose ETF part does not parse. The flash stays
+// byte for byte, the run ends as a failed upgrade (status 0 without --exit-code,
+// never "Upgrade OK!"), and with --exit-code as an image failure.
+TEST(UpgradeRefusal, RegionsThatDoNotFitAreRefusedBeforeTheFirstErase)
+{
+    const Bytes etf = MakeImage(1, {100, 3000}, 41);
+    Bytes badEtf = etf;
+    badEtf[0] ^= 0xFF;  // the ETF part's magic
+    const Bytes fits = MakeImage(2, {1500, 70000}, 40, 32768, 0x001F8000);
+    auto combine = [](Bytes a, const Bytes& b) { a.insert(a.end(), b.begin(), b.end()); return a; };
+    const struct {
+        const char* name;
+        Bytes image;
+        std::vector<std::string> args;
+        const char* line;
+    } cases[] = {
+        {"main.img", MakeImage(2, {1500, 200000}, 40, 32768, 0x00010000), {},
+         "Refused: main image 0x00000000-0x0003139B overlaps OTA area 0x00010000-0x00017FFF\n"},
+        {"main.img", MakeImage(1, {kFlashSize}, 42), {},
+         "Refused: main image 0x00000000-0x0040003F ends past the flash's 4194304 bytes (0x00000000-0x003FFFFF)\n"},
+        {"main.img", MakeImage(2, {1500}, 40, 32768, 0x003F8000), {"-e", "1", "-I", "etf.img"},
+         "Refused: ETF image 0x00400000-0x00400BF7 ends past the flash's 4194304 bytes"},
+        {"both.cimg", combine(fits, badEtf), {},
+         "Invalid etf image in combined image file: both.cimg (Wrong Section Header MAGIC at offset 0x000117CC)\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        for (bool exitCode : {false, true}) {
+            UpgradeBench bench;
+            bench.WriteFile(c.name, c.image);
+            bench.WriteFile("etf.img", etf);
+            std::vector<std::string> args{"-i", c.name, "-u", "0"};
+            args.insert(args.end(), c.args.begin(), c.args.end());
+            if (exitCode)
+                args.push_back("--exit-code");
+            ProcessResult run = bench.Run(args);
+            EXPECT_EQ(exitCode ? 3 : 0, run.exitStatus);
+            EXPECT_TRUE(Has(run.out, c.line)) << run.out;
+            EXPECT_FALSE(Has(run.out, "Upgrade OK!")) << run.out;
+            EXPECT_EQ(0u, CountFramesReceived(bench.Trace(), 0x19));  // no erase
+            EXPECT_EQ(-1, FirstDifference(bench.Flash(), bench.InitialFlash()));
+        }
+    }
 }
 
 }  // namespace

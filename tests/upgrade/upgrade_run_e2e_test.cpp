@@ -142,6 +142,62 @@ TEST(UpgradeRun, StopTypedWhileConnectingIsSeenAfterOpenUart)
     }
 }
 
+// Ctrl-C (SIGINT to the tool alone) is the console's stop: an upgrade ends between
+// steps and a debug read between blocks, through the normal path, so the port is
+// closed with the target back at 115200 and a second run against the same
+// simulator succeeds. A second signal (SIGTERM after SIGINT: two of one kind may
+// merge) ends at once. No temporary file is left.
+// The tool runs under a shell inside one UpgradeBench run: "$@" is the tool with
+// the simulator's port, WAIT is what shows the run is under way. The console stays
+// open (its reader blocked in a read must not keep the process alive).
+TEST(UpgradeRun, CtrlCStopsBetweenStepsAndTheNextRunSucceeds)
+{
+    const char* const kScript =
+        "\"$@\" 0<&0 > first.txt 2>&1 & pid=$!; i=0\n"
+        "until eval \"$WAIT\" || [ $i -gt 400 ]; do sleep 0.05; i=$((i+1)); done\n"
+        "kill -INT $pid; [ -n \"$TWICE\" ] && kill -TERM $pid\n"
+        "wait $pid; echo \"FIRST $?\"; cat first.txt; echo SECOND; ls\n"
+        "[ -n \"$TWICE\" ] || \"$@\"\n";
+    const struct {
+        std::vector<std::string> args;
+        const char* wait;
+        bool twice;
+        const char* firstStatus;
+        const char* secondLine;
+    } cases[] = {
+        {{"-i", "main.img", "-u", "0"}, "grep -q Writing first.txt", false, "FIRST 0\n", "100%: Upgrade OK!\n"},
+        {{"-D", "r", "-A", "0", "-L", "0x40000"}, "ls | grep -q 'bin[.]'", false, "FIRST 255\n",
+         "Read addr:0x00000000 len:0x00040000 OK!\n"},
+        {{"-D", "r", "-A", "0", "-L", "0x40000"}, "ls | grep -q 'bin[.]'", true, "FIRST 255\n", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args[1] + (c.twice ? " twice" : ""));
+        UpgradeBench bench;
+        const Bytes image = MainImageOfSize(400000, 8);
+        bench.WriteFile("main.img", image);
+        bench.toolLauncher = {"/usr/bin/env", std::string("WAIT=") + c.wait, c.twice ? "TWICE=1" : "TWICE=",
+                              "/bin/sh", "-c", kScript, "sh"};
+        const bool debug = c.args[0] == "-D";  // the boot ROM serves the debug mode's flash
+        ProcessResult run = bench.Run(c.args, debug ? std::vector<std::string>{"--rom-flash", "yes"}
+                                                    : std::vector<std::string>{},
+                                      "", true);  // the console stays open, as at a terminal
+        const size_t second = run.out.find("SECOND\n");
+        ASSERT_NE(std::string::npos, second) << run.out;
+        const std::string first = run.out.substr(0, second), after = run.out.substr(second);
+        EXPECT_TRUE(Has(first, c.firstStatus)) << first;
+        EXPECT_EQ(!c.twice, Has(first, "User stoped!\n")) << first;
+        EXPECT_FALSE(Has(first, "OK!")) << first;
+        EXPECT_FALSE(Has(after, "bin.")) << after;  // no temporary read file
+        if (c.twice)
+            continue;
+        EXPECT_EQ(0, run.exitStatus) << after;
+        EXPECT_TRUE(Has(after, c.secondLine)) << after;
+        if (!debug) {
+            EXPECT_EQ(-1, FirstDifference(bench.Flash(), ExpectedAfterMainImage(bench.InitialFlash(), image)));
+        }
+    }
+}
+
 TEST(UpgradeRun, ImageProblemsEndTheRunBeforeAnyConnection)
 {
     const struct {

@@ -1,0 +1,43 @@
+#include "common/cleanup_files.h"
+
+#include <atomic>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+// A slot's name is written before the slot is marked used, and unmarked before it
+// may be reused, so a handler never reads a name half written.
+char s_names[kCleanupSlots][kCleanupNameSize];
+std::atomic<int> s_used[kCleanupSlots];
+
+}  // namespace
+
+int RegisterCleanupFile(const char* name)
+{
+    const size_t length = std::strlen(name);
+    if (length >= kCleanupNameSize)
+        return -1;
+    for (int slot = 0; slot < kCleanupSlots; ++slot) {
+        if (s_used[slot].load() != 0)
+            continue;
+        std::memcpy(s_names[slot], name, length + 1);
+        s_used[slot].store(1);
+        return slot;
+    }
+    return -1;
+}
+
+void ForgetCleanupFile(int slot)
+{
+    if (slot >= 0 && slot < kCleanupSlots)
+        s_used[slot].store(0);
+}
+
+void RemoveCleanupFiles()
+{
+    for (int slot = 0; slot < kCleanupSlots; ++slot) {
+        if (s_used[slot].load() != 0)
+            unlink(s_names[slot]);
+    }
+}
