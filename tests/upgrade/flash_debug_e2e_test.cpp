@@ -99,6 +99,33 @@ TEST(FlashDebugEndToEnd, FailuresEndTheToolWithStatus255AndLeaveFlashAndFolderAl
     }
 }
 
+// Settings keys reach what they steer: iSectorsPerCommand sets how many sectors one
+// read command of the fast link carries (0x2000 bytes = 16 sectors), bExitCode turns
+// the refusal's classic 255 into its class.
+TEST(FlashDebugEndToEnd, LinkAndStatusKeysOfTheSettingsFileTakeEffect)
+{
+    const struct {
+        std::string settings;
+        size_t readCommands;  // ReadSector frames for the 16 sectors
+        int refusedStatus;    // a range past the flash's end
+    } cases[] = {
+        {"[setting]\nbFastLink=1\niSectorsPerCommand=2\n", 8, 255},
+        {"[setting]\nbFastLink=1\n", 4, 255},  // the fast link's default: four
+        {"[setting]\nbFastLink=1\niSectorsPerCommand=8\nbExitCode=1\n", 2, 2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.settings);
+        UpgradeBench bench;
+        const std::string settings = "[debug]\niDebugOp=n\n" + c.settings;
+        bench.WriteFile("settings_mac.ini", Bytes(settings.begin(), settings.end()));
+        ProcessResult read = bench.Run({"-D", "r", "-A", "0", "-L", "0x2000"}, kRomFlash);
+        EXPECT_EQ(0, read.exitStatus) << read.out;
+        EXPECT_EQ(c.readCommands, CountFramesReceived(bench.Trace(), 0x1A, "921600"));
+        ProcessResult refused = bench.Run({"-D", "r", "-A", "0x400000", "-L", "0x200"}, kRomFlash);
+        EXPECT_EQ(c.refusedStatus, refused.exitStatus) << refused.out;
+    }
+}
+
 // Held by another program, then not there at all.
 TEST(FlashDebugEndToEnd, DeviceThatCannotBeOpenedFailsAtOnce)
 {
