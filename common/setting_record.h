@@ -41,6 +41,10 @@ struct Setting {
     uint8_t bExitCode;           // [setting] bExitCode / --exit-code: outcome exit codes
     uint8_t bJson;               // --json: JSON lines on stdout, human text on stderr
     uint32_t iSectorsPerCommand; // [setting] iSectorsPerCommand (1-15), fast link only; 0 = 4
+
+    // First contact: modem-line sequences, empty by default (no line touched).
+    char strResetSequence[kSettingTextSize];  // [comm] strResetSequence / --reset
+    char strAfter[kSettingTextSize];          // [comm] strAfter / --after; empty = stay
 };
 
 extern Setting g_Setting;

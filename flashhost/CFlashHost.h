@@ -82,6 +82,9 @@ public:
     int ChangeUartBaud();
     int LoadBRom();
     void Close();
+    // The close of a run that succeeded: the link profile's after action (SysReboot,
+    // or its line sequence) and then Close. Its failures are warnings only.
+    void CloseAfterSuccess();
     int SendUpgradeCmd();
     int SysReboot();
     int CheckComm(std::string name);
@@ -173,6 +176,9 @@ private:
     int SetPortRate(unsigned int baud, const char* what);
     int ChangeUartBaudOrClose();
     int StartBootLoader();
+    // Modem-line sequences (line_sequence.cpp): 0, or -1 when the port has no
+    // modem lines (warned once per run on the error stream).
+    int RunLineSequence(const LineSequence& sequence, const char* what);
 
     // Length operations (flash_commands.cpp).
     unsigned int SectorsPerCommand(bool forRead) const;
@@ -207,6 +213,8 @@ private:
     int m_iResponderCode = 0;
     unsigned char m_flashId[kFlashIdSize] = {};
     unsigned int m_flashIdLength = 0;
+    bool m_linesWarned = false;    // the missing modem lines were reported
+    bool m_afterLinesDue = false;  // Close runs the after-action lines
 };
 
 extern CFlashHost g_flashHost;

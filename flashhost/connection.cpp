@@ -196,6 +196,7 @@ int CFlashHost::Connect()
     }
     WriteLogBuf("Open uart OK!", nullptr, 0);
 
+    RunLineSequence(m_link.resetSequence, "reset");  // nothing when none is set
     if (Synchron() != 0)
         return CloseWith(kTextSync1Error);
     m_iResponderCode = 0;
@@ -218,6 +219,8 @@ void CFlashHost::Close()
     const FailureKind keptKind = m_failKind;
     m_iBaud = kBootRate;
     ChangeUartBaud();  // a target that still answers goes back to 115200
+    if (m_afterLinesDue)
+        RunLineSequence(m_link.afterLines, "after");
     WriteLogBuf(kept, nullptr, 0);
     WriteLogBuf("Close uart!", nullptr, 0);
     m_comm.UART_Close();

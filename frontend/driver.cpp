@@ -243,8 +243,15 @@ int DriverMain(int argc, char* argv[])
         break;
     }
 
-    // The one link profile of the debug and upgrade roads.
-    g_flashHost.SetLinkProfile(BuildLinkProfile(g_Setting));
+    // The one link profile of the debug and upgrade roads; first contact: a
+    // sequence that cannot be read is refused before any connection.
+    LinkProfile link = BuildLinkProfile(g_Setting);
+    std::string linkError;
+    if (!ApplyFirstContact(g_Setting, link, linkError)) {
+        std::fprintf(stderr, "%s\n", linkError.c_str());
+        return end.Finish(2, false, FailureKind::kUsage, "");
+    }
+    g_flashHost.SetLinkProfile(link);
     SummarySink summary(g_Setting.iBaud);
     if (end.Json())
         run_report::SetSink(end.Json());

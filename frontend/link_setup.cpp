@@ -1,5 +1,7 @@
 #include "frontend/link_setup.h"
 
+#include "frontend/line_sequence_text.h"
+
 // Classic unless the fast link is asked for; then every fast-link behaviour at
 // once, as --fast has always meant.
 LinkProfile BuildLinkProfile(const Setting& setting)
@@ -10,4 +12,17 @@ LinkProfile BuildLinkProfile(const Setting& setting)
     link.lowLatency = link.fast;
     link.ratePolicy = link.fast ? LinkProfile::kRefuseUnsupported : LinkProfile::kSilentFallback;
     return link;
+}
+
+bool ApplyFirstContact(const Setting& setting, LinkProfile& link, std::string& error)
+{
+    if (!ParseLineSequence(setting.strResetSequence, link.resetSequence, error)) {
+        error = "--reset " + std::string(setting.strResetSequence) + ": " + error;
+        return false;
+    }
+    if (!ParseAfterAction(setting.strAfter, link, error)) {
+        error = "--after " + std::string(setting.strAfter) + ": " + error;
+        return false;
+    }
+    return true;
 }

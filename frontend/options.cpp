@@ -94,6 +94,9 @@ enum LongOption {
     kOptExitCode,
     kOptJson,
     kOptListPorts,
+    // First contact.
+    kOptReset,
+    kOptAfter,
 };
 
 const option kLongOptions[] = {
@@ -103,6 +106,9 @@ const option kLongOptions[] = {
     {"exit-code", no_argument, nullptr, kOptExitCode},
     {"json", no_argument, nullptr, kOptJson},
     {"list-ports", no_argument, nullptr, kOptListPorts},
+    // First contact: modem-line sequences.
+    {"reset", required_argument, nullptr, kOptReset},
+    {"after", required_argument, nullptr, kOptAfter},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -116,6 +122,8 @@ const char* const kLongOptionLines[] = {
     "kestrelQT_u --exit-code  (exit status tells the outcome; settings key bExitCode, default: 0)",
     "kestrelQT_u --json  (JSON lines on standard output, text on standard error; implies --exit-code)",
     "kestrelQT_u --list-ports  (serial ports with USB vendor:product, serial number, driver, by-id name)",
+    "kestrelQT_u --reset SEQ  (DTR/RTS reset before the sync: none, classic, inverted or steps D1,R0,D0+R1,W100; settings key strResetSequence, default: none)",
+    "kestrelQT_u --after ACTION  (after a successful upgrade: stay, reboot or a DTR/RTS sequence; settings key strAfter, default: stay)",
 };
 const int kLongOptionLineCount = sizeof kLongOptionLines / sizeof kLongOptionLines[0];
 
@@ -155,6 +163,8 @@ OptionOutcome ApplyOptions(int argc, char* argv[])
         case kOptExitCode: g_Setting.bExitCode = 1; continue;
         case kOptJson: g_Setting.bJson = g_Setting.bExitCode = 1; continue;
         case kOptListPorts: return OptionOutcome::kListPorts;
+        case kOptReset: CopySettingText(g_Setting.strResetSequence, optarg); continue;
+        case kOptAfter: CopySettingText(g_Setting.strAfter, optarg); continue;
         case 'h':
         case 'v':
             return OptionOutcome::kShowUsage;

@@ -58,6 +58,9 @@ public:
     // refused cannot be taken for the start of the next one.
     void DrainInput();
 
+    // The modem lines, as BytePort::SetModemLines: -1 where the port has none.
+    int SetModemLines(int dtr, int rts) { return m_port->SetModemLines(dtr, rts); }
+
     int iFd;                   // 0 = no device open; negative after a failed open
     std::string strPortName;
     int iSpeed;                // terminal speed constant in use

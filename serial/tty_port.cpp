@@ -162,3 +162,22 @@ void TtyPort::RestoreLatency()
     m_latencyChanged = false;
 #endif
 }
+
+// One line: TIOCMBIS or TIOCMBIC for its bit alone. Both: the current state read and
+// written back changed in a single TIOCMSET.
+int TtyPort::SetModemLines(int dtr, int rts)
+{
+    if (dtr < 0 && rts < 0)
+        return 0;
+    if (dtr < 0 || rts < 0) {
+        int bit = dtr >= 0 ? TIOCM_DTR : TIOCM_RTS;
+        const bool assert = (dtr >= 0 ? dtr : rts) != 0;
+        return ioctl(m_fd, assert ? TIOCMBIS : TIOCMBIC, &bit) == 0 ? 0 : -1;
+    }
+    int lines = 0;
+    if (ioctl(m_fd, TIOCMGET, &lines) != 0)
+        return -1;
+    lines = dtr ? (lines | TIOCM_DTR) : (lines & ~TIOCM_DTR);
+    lines = rts ? (lines | TIOCM_RTS) : (lines & ~TIOCM_RTS);
+    return ioctl(m_fd, TIOCMSET, &lines) == 0 ? 0 : -1;
+}

@@ -18,6 +18,7 @@ public:
     long Write(const unsigned char* buf, size_t len) override;
     int Wait(bool forWrite, unsigned int timeoutUs) override;
     void SetLowLatency() override;
+    int SetModemLines(int dtr, int rts) override;
 
     // Raw 8N1 at `speed` on any descriptor; -1 when the attributes cannot be read
     // or the speed is not taken.

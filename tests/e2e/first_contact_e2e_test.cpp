@@ -1,0 +1,159 @@
+// First contact against the simulated board: the tool's DTR/RTS changes reach the
+// simulator's board wiring through the adapter shim's modem channel, so a chip that
+// runs its firmware is brought into the boot ROM by --reset and restarted by --after.
+#include <gtest/gtest.h>
+
+#include "tests/upgrade/upgrade_fixtures.h"
+
+namespace {
+
+constexpr uint8_t kSysReboot = 0x12;
+
+// A bench whose tool runs under the adapter shim; with modem lines the shim carries
+// them to the simulator's channel, without them the pty refuses the ioctls as a
+// port without modem lines does.
+struct LineBench {
+    UpgradeBench bench;
+    Bytes image = MakeImage(1, {3000}, 41);
+
+    explicit LineBench(bool modemLines)
+    {
+        bench.WriteFile("main.img", image);
+        bench.toolLauncher = {"/usr/bin/env", std::string("LD_PRELOAD=") + KESTREL_ADAPTER_SHIM,
+                              "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1"};
+        if (modemLines)
+            bench.toolLauncher.push_back("KESTREL_SHIM_MODEM=" + Channel());
+    }
+    std::string Channel() const { return bench.Path("modem.sock"); }
+
+    ProcessResult Run(std::vector<std::string> toolArgs, std::vector<std::string> simArgs)
+    {
+        toolArgs.insert(toolArgs.end(), {"-i", "main.img", "-u", "0"});
+        simArgs.insert(simArgs.end(), {"--modem-channel", Channel()});
+        return bench.Run(toolArgs, simArgs);
+    }
+    bool Programmed() const
+    {
+        Bytes expected = bench.InitialFlash();
+        ModelBlockWrite(expected, 0, image);
+        return FirstDifference(expected, bench.Flash()) == -1;
+    }
+};
+
+struct ResetCase {
+    const char* name;
+    std::vector<std::string> toolArgs;
+    const char* wiring;
+    bool reachesBootRom;
+};
+
+void PrintTo(const ResetCase& c, std::ostream* os) { *os << c.name; }
+
+class ResetSequence : public testing::TestWithParam<ResetCase> {};
+
+// A board in firmware mode ignores the sync until reset is released with the boot
+// strap held: only the sequence for its wiring gets the upgrade through.
+TEST_P(ResetSequence, ReachesTheBootRomOnlyWithTheSequenceForTheWiring)
+{
+    const ResetCase& c = GetParam();
+    LineBench line(true);
+    ProcessResult r = line.Run(c.toolArgs, {"--wiring", c.wiring});
+    const std::string trace = line.bench.Trace();
+    if (c.reachesBootRom) {
+        EXPECT_EQ(0, r.exitStatus);
+        EXPECT_NE(std::string::npos, r.out.find("Upgrade OK!")) << r.out << r.err;
+        EXPECT_TRUE(line.Programmed());
+        EXPECT_NE(std::string::npos, trace.find("event reset boot-rom")) << trace;
+    } else {
+        EXPECT_NE(std::string::npos, r.out.find("Synchron1 error!")) << r.out << r.err;
+        EXPECT_EQ(std::string::npos, trace.find("event reset boot-rom"));
+    }
+    EXPECT_EQ(std::string::npos, r.err.find("modem lines")) << r.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Boards, ResetSequence,
+    testing::Values(
+        ResetCase{"ClassicOnRtsReset", {"--reset", "classic"}, "two-transistor-rts-reset", true},
+        ResetCase{"NoSequenceStaysInFirmware", {}, "two-transistor-rts-reset", false},
+        ResetCase{"InvertedOnRtsResetRunsFirmware", {"--reset", "inverted"}, "two-transistor-rts-reset", false},
+        ResetCase{"InvertedOnDtrReset", {"--reset", "inverted"}, "two-transistor-dtr-reset", true},
+        ResetCase{"StepsOnDirectWiring", {"--reset", "R1,D1,W20,R0,W20,D0"}, "direct-rts-reset", true}),
+    [](const testing::TestParamInfo<ResetCase>& info) { return std::string(info.param.name); });
+
+// The sequence is set from the settings file just as from the option.
+TEST(ResetSequenceSetting, TheCommKeyResetsTheBoard)
+{
+    LineBench line(true);
+    const std::string settings = "[comm]\nstrResetSequence=classic\n[debug]\niDebugOp=n\n";
+    line.bench.WriteFile("settings_mac.ini", Bytes(settings.begin(), settings.end()));
+    ProcessResult r = line.Run({}, {"--wiring", "two-transistor-rts-reset"});
+    EXPECT_NE(std::string::npos, r.out.find("Upgrade OK!")) << r.out << r.err;
+}
+
+// A port without modem lines: one warning on stderr, and the run is the run without
+// the sequence, byte for byte on standard output.
+TEST(ResetSequenceWithoutModemLines, WarnsOnceAndRunsAsWithout)
+{
+    LineBench plain(false), withReset(false);
+    ProcessResult a = plain.Run({}, {});
+    ProcessResult b = withReset.Run({"--reset", "classic", "--after", "R1,R0"}, {});
+    EXPECT_EQ(a.exitStatus, b.exitStatus);
+    EXPECT_EQ(WithoutDevicePaths(a.out), WithoutDevicePaths(b.out));
+    EXPECT_EQ(1u, CountOccurrences(b.err, "has no modem lines")) << b.err;
+    EXPECT_TRUE(withReset.Programmed());
+}
+
+struct AfterCase {
+    const char* name;
+    std::vector<std::string> toolArgs, simArgs;
+    bool succeeds;
+    size_t reboots;          // SysReboot frames the target received
+    const char* traceEvent;  // in the trace after the run, or ""
+};
+
+void PrintTo(const AfterCase& c, std::ostream* os) { *os << c.name; }
+
+class AfterAction : public testing::TestWithParam<AfterCase> {};
+
+TEST_P(AfterAction, RunsOnceAfterSuccessAndNeverAfterFailure)
+{
+    const AfterCase& c = GetParam();
+    LineBench line(true);
+    ProcessResult r = line.Run(c.toolArgs, c.simArgs);
+    const std::string trace = line.bench.Trace();
+    EXPECT_EQ(c.succeeds, r.out.find("Upgrade OK!") != std::string::npos) << r.out << r.err;
+    EXPECT_EQ(c.reboots, CountFramesReceived(trace, kSysReboot)) << trace;
+    if (*c.traceEvent) {
+        EXPECT_NE(std::string::npos, trace.find(c.traceEvent)) << trace;
+    }
+    EXPECT_EQ("", r.err);
+}
+
+const std::vector<std::string> kRtsReset = {"--wiring", "two-transistor-rts-reset"};
+INSTANTIATE_TEST_SUITE_P(
+    Runs, AfterAction,
+    testing::Values(
+        AfterCase{"StayIsTheClassicEnd", {"--after", "stay"}, {}, true, 0, ""},
+        AfterCase{"RebootAfterSuccess", {"--after", "reboot"}, {}, true, 1, "event reboot, boot rom started"},
+        AfterCase{"NoRebootAfterFailure", {"--after", "reboot"}, {"--fault", "EraseFlash:every:error2"}, false, 0, ""},
+        AfterCase{"RebootIntoNewFirmware", {"--reset", "classic", "--after", "reboot"}, kRtsReset, true, 1,
+                  "event reboot, firmware running"},
+        AfterCase{"ResetPulseRunsNewFirmware", {"--reset", "classic", "--after", "R1,W50,R0"}, kRtsReset, true, 0,
+                  "event reset firmware"}),
+    [](const testing::TestParamInfo<AfterCase>& info) { return std::string(info.param.name); });
+
+// A sequence that cannot be read is refused before anything reaches the port.
+TEST(FirstContactRefusal, AnUnreadableSequenceIsRefusedBeforeTheFirstByte)
+{
+    for (const std::vector<std::string>& args : {std::vector<std::string>{"--reset", "D2"},
+                                                  std::vector<std::string>{"--after", "W"}}) {
+        LineBench line(true);
+        ProcessResult r = line.Run(args, {});
+        EXPECT_EQ(2, r.exitStatus);
+        EXPECT_NE(std::string::npos, r.err.find(args[0] + " " + args[1] + ": step")) << r.err;
+        EXPECT_EQ(0u, CountOccurrences(line.bench.Trace(), "rx "));
+    }
+}
+
+}  // namespace
