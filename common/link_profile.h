@@ -52,4 +52,11 @@ struct LinkProfile {
     };
     AfterAction after = kAfterStay;
     LineSequence afterLines;
+    // Fast link only: the working rate is the ceiling; once the boot-loader answers,
+    // the rates from there down to the default working rate are tried and the first
+    // that carries data both ways is kept; a block attempt that fails at it steps one
+    // rate down.
+    bool autoBaud = false;
+    // The highest rate the adapter is known to carry (0: no limit known).
+    unsigned int rateCeiling = 0;
 };

@@ -15,6 +15,7 @@ constexpr char kEventProgress[] = "progress";  // region, phase, done, total
 constexpr char kEventRegion[] = "region";      // region, bytes, seconds, kbytes_per_s
 constexpr char kEventResult[] = "result";      // ok, exit_code, message, seconds, bytes
 constexpr char kEventPort[] = "port";          // path, vid, pid, serial, driver, by_id
+constexpr char kEventLink[] = "link";          // rate: auto-baud's verified or stepped-down rate
 
 constexpr char kFieldPort[] = "port";
 constexpr char kFieldRate[] = "rate";

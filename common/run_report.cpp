@@ -29,4 +29,10 @@ void Region(const char* region, uint64_t bytes, double seconds)
         g_sink->Region(region, bytes, seconds);
 }
 
+void Link(uint32_t rate)
+{
+    if (g_sink)
+        g_sink->Link(rate);
+}
+
 }  // namespace run_report

@@ -23,6 +23,8 @@ public:
                           uint64_t total) = 0;
     // A region finished: bytes programmed or read, and the seconds it took.
     virtual void Region(const char* region, uint64_t bytes, double seconds) = 0;
+    // Auto-baud: the working rate was verified or, after errors, stepped down to.
+    virtual void Link(uint32_t rate) { (void)rate; }
 };
 
 // Installs (or with nullptr removes) the sink. Not thread-safe: call before a run.
@@ -33,5 +35,6 @@ Sink* GetSink();
 void Start(const std::string& port, uint32_t rate, const std::vector<std::string>& images);
 void Progress(const char* region, const char* phase, uint64_t done, uint64_t total);
 void Region(const char* region, uint64_t bytes, double seconds);
+void Link(uint32_t rate);
 
 }  // namespace run_report

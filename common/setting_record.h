@@ -45,6 +45,7 @@ struct Setting {
     // First contact: modem-line sequences, empty by default (no line touched).
     char strResetSequence[kSettingTextSize];  // [comm] strResetSequence / --reset
     char strAfter[kSettingTextSize];          // [comm] strAfter / --after; empty = stay
+    uint8_t bAutoBaud;                        // [setting] bAutoBaud / --auto-baud: -b is the ceiling
 };
 
 extern Setting g_Setting;

@@ -163,7 +163,7 @@ int CFlashHost::StartBootLoader()
         return CloseWith(kTextSyncError);
 
     m_iBaud = configured;
-    return ChangeUartBaudOrClose();
+    return GoToWorkingRate();
 }
 
 // The failure kinds of a connection: a log that cannot be started is a local
@@ -201,13 +201,14 @@ int CFlashHost::Connect()
         return CloseWith(kTextSync1Error);
     m_iResponderCode = 0;
     m_flashIdLength = 0;
+    m_ladderCount = 0;
     if (GetFlashId() != 0)
         return CloseWith(kTextFlashIdError);
 
     // A responder above 1 serves the flash itself; so does any target when the
     // boot-loader upload is forbidden.
     if (m_iUseBrom == 0 || m_iResponderCode > 1)
-        return ChangeUartBaudOrClose();
+        return GoToWorkingRate();
     return StartBootLoader();
 }
 

@@ -93,4 +93,5 @@ void GetDefaultSettings(char* path)
     std::memset(g_Setting.strAfter, 0, kSettingTextSize);
     LoadText(path, "comm", "strResetSequence", g_Setting.strResetSequence, "");
     LoadText(path, "comm", "strAfter", g_Setting.strAfter, "");
+    g_Setting.bAutoBaud = LoadFlag(path, "bAutoBaud", 0);
 }

@@ -24,5 +24,13 @@ bool ApplyFirstContact(const Setting& setting, LinkProfile& link, std::string& e
         error = "--after " + std::string(setting.strAfter) + ": " + error;
         return false;
     }
+    // The negotiation proves each rate with flash reads that wait on the line: the
+    // fast link's way. Implying --fast would change more than the rate, so it is
+    // asked for.
+    if (setting.bAutoBaud && !setting.bFastLink) {
+        error = "--auto-baud needs the fast link: add --fast (or bFastLink=1)";
+        return false;
+    }
+    link.autoBaud = setting.bAutoBaud != 0;
     return true;
 }

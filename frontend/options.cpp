@@ -97,6 +97,7 @@ enum LongOption {
     // First contact.
     kOptReset,
     kOptAfter,
+    kOptAutoBaud,
 };
 
 const option kLongOptions[] = {
@@ -109,6 +110,7 @@ const option kLongOptions[] = {
     // First contact: modem-line sequences.
     {"reset", required_argument, nullptr, kOptReset},
     {"after", required_argument, nullptr, kOptAfter},
+    {"auto-baud", no_argument, nullptr, kOptAutoBaud},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -124,6 +126,7 @@ const char* const kLongOptionLines[] = {
     "kestrelQT_u --list-ports  (serial ports with USB vendor:product, serial number, driver, by-id name)",
     "kestrelQT_u --reset SEQ  (DTR/RTS reset before the sync: none, classic, inverted or steps D1,R0,D0+R1,W100; settings key strResetSequence, default: none)",
     "kestrelQT_u --after ACTION  (after a successful upgrade: stay, reboot or a DTR/RTS sequence; settings key strAfter, default: stay)",
+    "kestrelQT_u --auto-baud  (fast link: -b is the ceiling, the fastest rate that carries data is kept; settings key bAutoBaud, default: 0)",
 };
 const int kLongOptionLineCount = sizeof kLongOptionLines / sizeof kLongOptionLines[0];
 
@@ -165,6 +168,7 @@ OptionOutcome ApplyOptions(int argc, char* argv[])
         case kOptListPorts: return OptionOutcome::kListPorts;
         case kOptReset: CopySettingText(g_Setting.strResetSequence, optarg); continue;
         case kOptAfter: CopySettingText(g_Setting.strAfter, optarg); continue;
+        case kOptAutoBaud: g_Setting.bAutoBaud = 1; continue;
         case 'h':
         case 'v':
             return OptionOutcome::kShowUsage;

@@ -35,6 +35,12 @@ void JsonSink::Region(const char* region, uint64_t bytes, double seconds)
              .dump());
 }
 
+// Auto-baud.
+void JsonSink::Link(uint32_t rate)
+{
+    Emit(json{{kFieldEvent, kEventLink}, {kFieldRate, rate}}.dump());
+}
+
 void JsonSink::Port(const std::string& path, const std::string& vendor, const std::string& product,
                     const std::string& serial, const std::string& driver, const std::string& byId)
 {

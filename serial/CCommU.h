@@ -58,6 +58,10 @@ public:
     // refused cannot be taken for the start of the next one.
     void DrainInput();
 
+    // 0 when the open device takes `baud` (a table rate); the line is put back to
+    // its current rate either way, its queues discarded.
+    int ProbeRate(unsigned int baud);
+
     // The modem lines, as BytePort::SetModemLines: -1 where the port has none.
     int SetModemLines(int dtr, int rts) { return m_port->SetModemLines(dtr, rts); }
 

@@ -16,13 +16,16 @@ struct LineBench {
     UpgradeBench bench;
     Bytes image = MakeImage(1, {3000}, 41);
 
-    explicit LineBench(bool modemLines)
+    explicit LineBench(bool modemLines, const std::string& shimSetting = "", size_t imageBytes = 3000)
     {
+        image = MakeImage(1, {imageBytes}, 41);
         bench.WriteFile("main.img", image);
         bench.toolLauncher = {"/usr/bin/env", std::string("LD_PRELOAD=") + KESTREL_ADAPTER_SHIM,
                               "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1"};
         if (modemLines)
             bench.toolLauncher.push_back("KESTREL_SHIM_MODEM=" + Channel());
+        if (!shimSetting.empty())
+            bench.toolLauncher.push_back(shimSetting);
     }
     std::string Channel() const { return bench.Path("modem.sock"); }
 
@@ -143,17 +146,84 @@ INSTANTIATE_TEST_SUITE_P(
                   "event reset firmware"}),
     [](const testing::TestParamInfo<AfterCase>& info) { return std::string(info.param.name); });
 
-// A sequence that cannot be read is refused before anything reaches the port.
-TEST(FirstContactRefusal, AnUnreadableSequenceIsRefusedBeforeTheFirstByte)
+// A sequence that cannot be read, or auto-baud without the fast link, is refused
+// before anything reaches the port.
+TEST(FirstContactRefusal, IsMadeBeforeTheFirstByte)
 {
-    for (const std::vector<std::string>& args : {std::vector<std::string>{"--reset", "D2"},
-                                                  std::vector<std::string>{"--after", "W"}}) {
+    const struct {
+        std::vector<std::string> args;
+        const char* line;
+    } rows[] = {
+        {{"--reset", "D2"}, "--reset D2: step \"D2\""},
+        {{"--after", "W"}, "--after W: step \"W\""},
+        {{"--auto-baud"}, "--auto-baud needs the fast link"},
+    };
+    for (const auto& row : rows) {
         LineBench line(true);
-        ProcessResult r = line.Run(args, {});
+        ProcessResult r = line.Run(row.args, {});
         EXPECT_EQ(2, r.exitStatus);
-        EXPECT_NE(std::string::npos, r.err.find(args[0] + " " + args[1] + ": step")) << r.err;
+        EXPECT_NE(std::string::npos, r.err.find(row.line)) << r.err;
         EXPECT_EQ(0u, CountOccurrences(line.bench.Trace(), "rx "));
     }
 }
+
+constexpr uint8_t kWriteSector = 0x1B;
+
+struct RateCase {
+    const char* name;
+    std::vector<std::string> toolArgs, simArgs;
+    const char* shimSetting;
+    const char* expectedErr;  // on standard error
+    const char* lastRate;     // every write after the negotiation goes at this rate
+};
+
+void PrintTo(const RateCase& c, std::ostream* os) { *os << c.name; }
+
+class AutoBaud : public testing::TestWithParam<RateCase> {};
+
+// The rate is found, and the flash is programmed correctly at it. The image spans
+// two blocks, so a fault after the tenth write still has writes after it.
+TEST_P(AutoBaud, LandsOnTheFastestRateTheLineCarriesAndProgramsCorrectly)
+{
+    const RateCase& c = GetParam();
+    LineBench line(false, c.shimSetting, 100000);
+    std::vector<std::string> args = {"--fast", "--auto-baud"};
+    args.insert(args.end(), c.toolArgs.begin(), c.toolArgs.end());
+    ProcessResult r = line.Run(args, c.simArgs);
+    EXPECT_EQ(0, r.exitStatus);
+    EXPECT_NE(std::string::npos, (r.out + r.err).find("Upgrade OK!")) << r.out << r.err;
+    EXPECT_NE(std::string::npos, r.err.find(c.expectedErr)) << r.err;
+    EXPECT_TRUE(line.Programmed());
+    const std::string trace = line.bench.Trace();
+    const size_t writes = CountFramesReceived(trace, kWriteSector);
+    const size_t writesAtLast = CountFramesReceived(trace, kWriteSector, c.lastRate);
+    EXPECT_GT(writes, 10u);
+    if (r.err.find("stepped down") == std::string::npos) {
+        EXPECT_EQ(writes, writesAtLast);
+    } else {
+        EXPECT_GT(writesAtLast, 0u);
+        EXPECT_LT(writesAtLast, writes);
+    }
+    if (r.out.rfind("{", 0) == 0) {
+        EXPECT_NE(std::string::npos, r.out.find(std::string("{\"event\":\"link\",\"rate\":") + c.lastRate + "}"))
+            << r.out;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lines, AutoBaud,
+    testing::Values(
+        RateCase{"CleanTo2MbaudLandsAt2Mbaud", {"-b", "3000000"}, {"--clean-rate-max", "2000000"}, "",
+                 "link: 2000000 bit/s, verified", "2000000"},
+        RateCase{"CleanLineReachesTheCeiling", {"-b", "3000000"}, {}, "", "link: 3000000 bit/s, verified",
+                 "3000000"},
+        RateCase{"AdapterRefusingAbove1500000", {"-b", "3000000"}, {}, "KESTREL_SHIM_MAX_RATE=1500000",
+                 "link: 1500000 bit/s, verified", "1500000"},
+        RateCase{"MidRunCorruptionStepsOneRateDown", {"-b", "2000000"},
+                 {"--fault", "WriteSector:10:degrade=1500000"}, "",
+                 "link: errors at 2000000 bit/s, stepped down to 1500000 bit/s", "1500000"},
+        RateCase{"JsonCarriesTheLinkEvent", {"-b", "3000000", "--json"}, {"--clean-rate-max", "2000000"}, "",
+                 "link: 2000000 bit/s, verified", "2000000"}),
+    [](const testing::TestParamInfo<RateCase>& info) { return std::string(info.param.name); });
 
 }  // namespace
