@@ -11,6 +11,9 @@
 #ifdef __linux__
 #include <linux/serial.h>
 #endif
+#ifdef __APPLE__
+#include <IOKit/serial/ioss.h>
+#endif
 
 namespace {
 
@@ -70,8 +73,27 @@ void TtyPort::Close()
     m_fd = -1;
 }
 
+#if defined(__APPLE__) && defined(IOSSIOSPEED)
+namespace {
+
+// The highest rate macOS sets through the terminal attributes; above it the
+// attributes carry this rate and IOSSIOSPEED the real one (speed values there are
+// the plain bit rates).
+const int kAppleAttributeRateMax = 230400;
+
+}  // namespace
+#endif
+
 int TtyPort::ConfigureRaw(int fd, int speed)
 {
+#if defined(__APPLE__) && defined(IOSSIOSPEED)
+    if (speed > kAppleAttributeRateMax) {
+        if (ConfigureRaw(fd, kAppleAttributeRateMax) != 0)
+            return -1;
+        speed_t rate = static_cast<speed_t>(speed);
+        return ioctl(fd, IOSSIOSPEED, &rate) == 0 ? 0 : -1;
+    }
+#endif
     termios current;
     if (tcgetattr(fd, &current) != 0)
         return -1;  // not a terminal (or gone): leave it as it is
