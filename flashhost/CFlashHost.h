@@ -89,6 +89,9 @@ public:
     // port one rate down the ladder (0), or -1 when there is no lower rate or the
     // target cannot be reached at it.
     bool RateNegotiated() const { return m_ladderCount > 0; }
+    // -c auto: opens `device` at the boot rate, runs the reset sequence and tries the
+    // synchronisation, then closes it; 0 when the target answered.
+    int ProbeSync(const std::string& device);
     int StepRateDown();
     int SendUpgradeCmd();
     int SysReboot();

@@ -257,3 +257,16 @@ int CFlashHost::SysReboot()
     unsigned int frameSize = BuildCommand(kSysReboot, nullptr, 0);
     return Exchange("SysReboot", frameSize, kTextRead1Timeout);
 }
+
+int CFlashHost::ProbeSync(const std::string& device)
+{
+    std::string path = device;
+    const int opened = m_comm.Uart_Init(&path[0], kBootRate);
+    int answered = -1;
+    if (opened == 0 && m_comm.iFd > 0) {
+        RunLineSequence(m_link.resetSequence, "reset");
+        answered = Synchron();
+    }
+    m_comm.UART_Close();
+    return answered;
+}

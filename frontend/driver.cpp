@@ -13,6 +13,7 @@
 #include "frontend/Setting.h"
 #include "frontend/link_setup.h"
 #include "frontend/options.h"
+#include "frontend/port_discovery.h"
 #include "frontend/port_list.h"
 #include "frontend/run_outcome.h"
 #include "frontend/run_sinks.h"
@@ -252,6 +253,14 @@ int DriverMain(int argc, char* argv[])
         return end.Finish(2, false, FailureKind::kUsage, "");
     }
     g_flashHost.SetLinkProfile(link);
+    if (std::string(g_Setting.strComDev) == kAutoPortWord) {
+        std::string chosen;
+        if (!DiscoverBoardPort(chosen, linkError)) {
+            std::fprintf(stderr, "%s\n", linkError.c_str());
+            return end.Finish(1, false, FailureKind::kPortOpen, "");
+        }
+        CopySettingText(g_Setting.strComDev, chosen.c_str());
+    }
     SummarySink summary(g_Setting.iBaud);
     if (end.Json())
         run_report::SetSink(end.Json());

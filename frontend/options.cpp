@@ -126,6 +126,7 @@ const char* const kLongOptionLines[] = {
     "kestrelQT_u --list-ports  (serial ports with USB vendor:product, serial number, driver, by-id name)",
     "kestrelQT_u --reset SEQ  (DTR/RTS reset before the sync: none, classic, inverted or steps D1,R0,D0+R1,W100; settings key strResetSequence, default: none)",
     "kestrelQT_u --after ACTION  (after a successful upgrade: stay, reboot or a DTR/RTS sequence; settings key strAfter, default: stay)",
+    "kestrelQT_u -c auto  (the USB serial port whose board answers; settings key strComDev=auto)",
     "kestrelQT_u --auto-baud  (fast link: -b is the ceiling, the fastest rate that carries data is kept; settings key bAutoBaud, default: 0)",
 };
 const int kLongOptionLineCount = sizeof kLongOptionLines / sizeof kLongOptionLines[0];

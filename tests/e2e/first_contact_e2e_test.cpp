@@ -3,6 +3,10 @@
 // runs its firmware is brought into the boot ROM by --reset and restarted by --after.
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <sys/stat.h>
+
+#include "tests/support/fake_sysfs.h"
 #include "tests/upgrade/upgrade_fixtures.h"
 
 namespace {
@@ -225,5 +229,63 @@ INSTANTIATE_TEST_SUITE_P(
         RateCase{"JsonCarriesTheLinkEvent", {"-b", "3000000", "--json"}, {"--clean-rate-max", "2000000"}, "",
                  "link: 2000000 bit/s, verified", "2000000"}),
     [](const testing::TestParamInfo<RateCase>& info) { return std::string(info.param.name); });
+
+// -c auto against made-up adapters in a fake sysfs whose device nodes lead to
+// simulators: one port is taken as it is; of several, the one whose target answers
+// the synchronisation; none answering is an error naming the candidates.
+struct DiscoveryCase {
+    const char* name;
+    int ports;               // 1 or 2: ttyUSB0 is the bench's board, ttyUSB1 another
+    const char* otherBoard;  // the second simulator's wiring ("": it answers too)
+    bool found;
+    const char* expectedErr;
+};
+
+void PrintTo(const DiscoveryCase& c, std::ostream* os) { *os << c.name; }
+
+class PortDiscovery : public testing::TestWithParam<DiscoveryCase> {};
+
+TEST_P(PortDiscovery, FindsTheOnePortWhoseBoardAnswers)
+{
+    const DiscoveryCase& c = GetParam();
+    LineBench line(false);
+    const std::string root = line.bench.Path("fake");
+    ASSERT_EQ(0, mkdir(root.c_str(), 0700));
+    line.bench.toolLauncher.push_back("KESTREL_SHIM_SYSFS_ROOT=" + root);
+    ASSERT_TRUE(MakeFakeAdapter(root, line.bench.Path("board0")));
+    std::unique_ptr<SimProcess> other;
+    if (c.ports == 2) {
+        std::vector<std::string> simArgs;
+        if (*c.otherBoard)
+            simArgs = {"--wiring", c.otherBoard};
+        other.reset(new SimProcess(simArgs));
+        ASSERT_TRUE(other->Started());
+        FakeAdapter second;
+        second.ttyName = "ttyUSB1";
+        second.serial = "KS000002";
+        ASSERT_TRUE(MakeFakeAdapter(root, other->DevicePath(), second));
+    }
+    ProcessResult r = line.Run({"-c", "auto"}, {"--link", line.bench.Path("board0")});
+    EXPECT_NE(std::string::npos, r.err.find(c.expectedErr)) << r.err;
+    if (c.found) {
+        EXPECT_NE(std::string::npos, r.out.find("COM:/dev/ttyUSB0\n")) << r.out;
+        EXPECT_NE(std::string::npos, r.out.find("Upgrade OK!")) << r.out << r.err;
+        EXPECT_TRUE(line.Programmed());
+    } else {
+        EXPECT_EQ(1, r.exitStatus);
+        EXPECT_EQ(std::string::npos, r.out.find("COM:")) << r.out;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Adapters, PortDiscovery,
+    testing::Values(
+        DiscoveryCase{"OnePortIsTaken", 1, "", true,
+                      "-c auto: using /dev/ttyUSB0 (/dev/serial/by-id/usb-FTDI_FT232R_USB_UART_KS000001-if00-port0)"},
+        DiscoveryCase{"OfTwoTheOneThatAnswers", 2, "two-transistor-rts-reset", true, "-c auto: using /dev/ttyUSB0"},
+        DiscoveryCase{"TwoAnsweringIsAnError", 2, "", false,
+                      "-c auto: more than one port answered; candidates:\n  /dev/ttyUSB0 (/dev/serial/by-id/"
+                      "usb-FTDI_FT232R_USB_UART_KS000001-if00-port0)\n  /dev/ttyUSB1"}),
+    [](const testing::TestParamInfo<DiscoveryCase>& info) { return std::string(info.param.name); });
 
 }  // namespace
