@@ -36,6 +36,7 @@ constexpr char kFieldPid[] = "pid";
 constexpr char kFieldSerial[] = "serial";
 constexpr char kFieldDriver[] = "driver";
 constexpr char kFieldById[] = "by_id";
+constexpr char kFieldAdapter[] = "adapter";  // port and start events: chip family, when known
 
 // The exit status (and result exit_code) of a run the operator stopped; the same
 // value as FailureKind::kStopped.

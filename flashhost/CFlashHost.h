@@ -229,6 +229,7 @@ private:
     unsigned int m_flashIdLength = 0;
     bool m_linesWarned = false;    // the missing modem lines were reported
     bool m_afterLinesDue = false;  // Close runs the after-action lines
+    bool m_latencyNoted = false;   // the lowered latency timer was reported
     enum { kMaxLadder = 16 };
     unsigned int m_rateLadder[kMaxLadder] = {};  // candidate rates, highest first
     unsigned int m_ladderCount = 0;  // 0 until a rate was negotiated

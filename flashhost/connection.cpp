@@ -1,6 +1,7 @@
 // The life of a connection: synchronisation, identification, the boot-loader upload,
 // speed changes, closing, and the text that wakes running firmware.
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <unistd.h>
 
@@ -98,6 +99,11 @@ uint64_t CFlashHost::FlashCapacity() const
 int CFlashHost::OpenPort(std::string& device)
 {
     const int result = m_comm.Uart_Init(&device[0], kBootRate);
+    if (m_comm.LoweredLatencyTimerMs() > 0 && !m_latencyNoted) {
+        std::fprintf(stderr, "adapter latency timer: %d ms -> 1 ms while the port is open\n",
+                     m_comm.LoweredLatencyTimerMs());
+        m_latencyNoted = true;  // once per run, though every connection opens the port
+    }
     if (m_comm.RateUnlisted())
         PrintRateList();
     if (m_comm.iFd < 0)

@@ -288,4 +288,35 @@ INSTANTIATE_TEST_SUITE_P(
                       "usb-FTDI_FT232R_USB_UART_KS000001-if00-port0)\n  /dev/ttyUSB1"}),
     [](const testing::TestParamInfo<DiscoveryCase>& info) { return std::string(info.param.name); });
 
+// Adapter awareness on a made-up adapter: the family caps the auto-baud ladder and
+// names the adapter in the start event; an FTDI latency timer is lowered to 1 ms on
+// the fast link and put back when the port closes.
+TEST(AdapterAwareness, FamilyCapsTheLadderAndTheLatencyTimerIsRestored)
+{
+    const struct {
+        FakeAdapter adapter;
+        std::vector<std::string> args;
+        const char *err, *json, *latencyAfter;
+    } rows[] = {
+        {FakeAdapter{"ttyUSB0", "1a86", "7523", "ch341", "S1", "WCH", "USB_Serial", -1},
+         {"--auto-baud", "-b", "3000000", "--json"}, "link: 921600 bit/s, verified", "\"adapter\":\"CH340\"", ""},
+        {FakeAdapter{}, {}, "adapter latency timer: 16 ms -> 1 ms while the port is open\n", "", "16"},
+    };
+    for (const auto& row : rows) {
+        LineBench line(false);
+        const std::string root = line.bench.Path("fake");
+        ASSERT_EQ(0, mkdir(root.c_str(), 0700));
+        line.bench.toolLauncher.push_back("KESTREL_SHIM_SYSFS_ROOT=" + root);
+        ASSERT_TRUE(MakeFakeAdapter(root, line.bench.Path("board0"), row.adapter));
+        std::vector<std::string> args = {"-c", "/dev/ttyUSB0", "--fast"};
+        args.insert(args.end(), row.args.begin(), row.args.end());
+        ProcessResult r = line.Run(args, {"--link", line.bench.Path("board0")});
+        EXPECT_NE(std::string::npos, (r.out + r.err).find("Upgrade OK!")) << r.out << r.err;
+        EXPECT_NE(std::string::npos, r.err.find(row.err)) << r.err;
+        EXPECT_EQ(1u, CountOccurrences(r.err, row.err)) << r.err;
+        EXPECT_NE(std::string::npos, r.out.find(row.json)) << r.out;
+        EXPECT_EQ(row.latencyAfter, FakeLatencyTimer(root, row.adapter));
+    }
+}
+
 }  // namespace
