@@ -156,6 +156,9 @@ read -r _ rate wall result < <(auto_run clean -- --auto-baud -b 3000000)
 ceil=$(ceiling blank 3000000)
 awk -v r="$rate" -v w="$wall" -v c="$ceil" -v res="$result" 'BEGIN {
     printf "%-34s %-8s %8.1f %9.1f %6.0f%%  %s\n", "clean, --auto-baud -b 3000000", r, w, c, 100 * c / w, res }'
+read -r _ _ wall result < <(auto_run direct -- -b 3000000)
+awk -v w="$wall" -v c="$ceil" -v res="$result" 'BEGIN {
+    printf "%-34s %-8s %8.1f %9.1f %6.0f%%  %s\n", "clean, -b 3000000 (for comparison)", "3000000", w, c, 100 * c / w, res }'
 read -r _ rate auto_wall result < <(auto_run noisy --clean-rate-max 2000000 -- --auto-baud -b 3000000)
 read -r _ _ direct_wall direct_result < <(auto_run direct --clean-rate-max 2000000 -- -b 2000000)
 awk -v r="$rate" -v a="$auto_wall" -v d="$direct_wall" -v res="$result" -v dres="$direct_result" 'BEGIN {

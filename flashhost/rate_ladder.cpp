@@ -1,9 +1,10 @@
 // Rate negotiation on the fast link: the working rate is found, not guessed. Once
-// the boot-loader (or the boot ROM serving the flash) answers at the boot rate, a
-// flash chunk is read there as the reference; then each rate the port takes, from
-// the configured one down to the default working rate, is tried: the target and
-// the port move to it, synchronise, and read the chunk again. The first rate at
-// which the chunk comes back whole and equal is kept. A rate that fails is left by
+// the boot-loader (or the boot ROM serving the flash) answers at the boot rate, the
+// first flash sector is read there as the reference; then each rate the port takes,
+// from the configured one down to the default working rate, is tried: the target
+// and the port move to it, synchronise, and read 4 KiB from the same address. The
+// first rate at which every reply passes its checksum and the sector comes back
+// equal is kept. A rate that fails is left by
 // moving back to the boot rate, which the line is known to carry.
 #include <cstdio>
 #include <cstring>
@@ -14,9 +15,13 @@
 
 namespace {
 
-// Large enough that a line dropping one bit in a thousand fails it for certain
-// (32,768 bits), small enough to cost a third of a second at the boot rate.
+// The proof at a candidate rate reads this much: a line dropping one bit in a
+// thousand fails it for certain (32,768 bits), through the replies' checksums or
+// the comparison.
 const unsigned int kProofBytes = 4096;
+// The reference read at the boot rate is its first sector only: the whole proof
+// read there would cost a third of a second on every run.
+const unsigned int kReferenceBytes = 512;
 const unsigned int kChangeBaudMode = 0x03000000;  // top byte of the ChangeBaud word
 // A move that fails is tried again from where each side may now be.
 const int kMoveAttempts = 3;
@@ -79,7 +84,7 @@ int CFlashHost::ProveRate(const unsigned char* reference, unsigned char* scratch
 {
     if (ReadFlashLength(0, scratch, kProofBytes) != 0)
         return -1;
-    return memcmp(reference, scratch, kProofBytes) == 0 ? 0 : -1;
+    return memcmp(reference, scratch, kReferenceBytes) == 0 ? 0 : -1;
 }
 
 int CFlashHost::NegotiateRate()
@@ -90,10 +95,10 @@ int CFlashHost::NegotiateRate()
     if (m_ladderCount == 0)
         return ChangeUartBaudOrClose();  // nothing to choose from: the rate as given
 
-    unsigned char reference[kProofBytes];
+    unsigned char reference[kReferenceBytes];
     unsigned char scratch[kProofBytes];
     m_iBaud = trusted;
-    if (ReadFlashLength(0, reference, kProofBytes) != 0) {
+    if (ReadFlashLength(0, reference, kReferenceBytes) != 0) {
         std::fprintf(stderr, kTextLinkUnverified, trusted, ceiling);
         m_ladderCount = 0;
         m_iBaud = ceiling;
