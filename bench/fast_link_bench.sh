@@ -8,7 +8,7 @@
 #
 # Environment (all optional): RATES="921600 2000000 3000000", MODES="spec fast",
 # CASES="blank unchanged write readback", SIZE=1048576, LATENCY_MS=2, ERASE_MS=150,
-# PROGRAM_MS=1.
+# PROGRAM_MS=1, AUTO_BAUD=1 (0: skip the rate negotiation rows).
 #
 # Cases: blank = erased chip, defaults (-u 1 -r 0); unchanged = the same image again
 # (-u 1); write = write only (-u 0 -r 0); readback = write and compare (-u 0 -r 1).
@@ -46,9 +46,9 @@ data_size=$((size - 64))
 "$mkimage" -o main.img -v 1 --random-data "$data_size" 7 >/dev/null
 printf '[debug]\niDebugOp=n\n' > settings_mac.ini
 
-start_sim() {
+start_sim() {  # [extra simulator arguments]
     "$sim" --flash "$work/flash.bin" --pace --usb-latency-ms "$latency_ms" \
-        --erase-ms "$erase_ms" --program-ms "$program_ms" > sim.out 2> sim.err &
+        --erase-ms "$erase_ms" --program-ms "$program_ms" "$@" > sim.out 2> sim.err &
     sim_pid=$!
     device=
     for _ in $(seq 100); do
@@ -128,3 +128,39 @@ for rate in $rates; do
         done
     done
 done
+
+# Rate negotiation: the blank case with --auto-baud. On a clean line -b 3000000 must
+# reach 3000000 and run close to that rate's stop-and-wait ceiling; on a line clean
+# only up to 2000000 it must land at 2000000 and finish close to a run told
+# -b 2000000 directly (the same line, the same blank chip).
+[ "${AUTO_BAUD:-1}" = 1 ] || exit 0
+auto_run() {  # label sim-arguments -- tool-arguments
+    local label=$1; shift
+    local sim_args=()
+    while [ "$1" != -- ]; do sim_args+=("$1"); shift; done
+    shift
+    rm -f flash.bin
+    start_sim "${sim_args[@]}"
+    /usr/bin/time -f '%e' -o time.txt "$tool" --fast -c "$device" -i main.img -u 1 -r 0 "$@" \
+        < /dev/null > run.log 2> run.err || true
+    stop_sim
+    local wall rate result
+    wall=$(cat time.txt)
+    rate=$(sed -n 's/^link: \([0-9]*\) bit\/s, verified$/\1/p' run.err | tail -n 1)
+    result=$(grep -q 'Upgrade OK!' run.log && echo OK || echo FAILED)
+    echo "$label ${rate:--} $wall $result"
+}
+echo
+printf '%-34s %-8s %8s %9s %7s  %s\n' "auto-baud case" "rate" "wall s" "ceiling s" "ratio" result
+read -r _ rate wall result < <(auto_run clean -- --auto-baud -b 3000000)
+ceil=$(ceiling blank 3000000)
+awk -v r="$rate" -v w="$wall" -v c="$ceil" -v res="$result" 'BEGIN {
+    printf "%-34s %-8s %8.1f %9.1f %6.0f%%  %s\n", "clean, --auto-baud -b 3000000", r, w, c, 100 * c / w, res }'
+read -r _ _ wall result < <(auto_run direct -- -b 3000000)
+awk -v w="$wall" -v c="$ceil" -v res="$result" 'BEGIN {
+    printf "%-34s %-8s %8.1f %9.1f %6.0f%%  %s\n", "clean, -b 3000000 (for comparison)", "3000000", w, c, 100 * c / w, res }'
+read -r _ rate auto_wall result < <(auto_run noisy --clean-rate-max 2000000 -- --auto-baud -b 3000000)
+read -r _ _ direct_wall direct_result < <(auto_run direct --clean-rate-max 2000000 -- -b 2000000)
+awk -v r="$rate" -v a="$auto_wall" -v d="$direct_wall" -v res="$result" -v dres="$direct_result" 'BEGIN {
+    printf "%-34s %-8s %8.1f %9s %6.2fx  %s\n", "clean to 2M, --auto-baud -b 3000000", r, a, "-", a / d, res
+    printf "%-34s %-8s %8.1f %9s %7s  %s\n", "clean to 2M, -b 2000000", "2000000", d, "-", "", dres }'

@@ -16,6 +16,7 @@ constexpr char kEventRegion[] = "region";      // region, bytes, seconds, kbytes
 constexpr char kEventResult[] = "result";      // ok, exit_code, message, seconds, bytes
 constexpr char kEventPort[] = "port";          // path, vid, pid, serial, driver, by_id
 constexpr char kEventImage[] = "image";        // role, path, valid, error, sections (-s)
+constexpr char kEventLink[] = "link";          // rate: auto-baud's verified or stepped-down rate
 
 constexpr char kFieldPort[] = "port";
 constexpr char kFieldRate[] = "rate";
@@ -40,6 +41,7 @@ constexpr char kFieldRole[] = "role";          // "main" or "etf"
 constexpr char kFieldValid[] = "valid";
 constexpr char kFieldError[] = "error";        // the parser's reason, empty when valid
 constexpr char kFieldSections[] = "sections";  // header fields by their image-format names
+constexpr char kFieldAdapter[] = "adapter";  // port and start events: chip family, when known
 
 // The exit status (and result exit_code) of a run the operator stopped; the same
 // value as FailureKind::kStopped.

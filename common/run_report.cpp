@@ -35,4 +35,10 @@ void Waiting(const char* what, unsigned attempt, unsigned attempts)
         g_sink->Waiting(what, attempt, attempts);
 }
 
+void Link(uint32_t rate)
+{
+    if (g_sink)
+        g_sink->Link(rate);
+}
+
 }  // namespace run_report

@@ -26,6 +26,8 @@ public:
     // Progress line: a wait for a target that has not answered yet (attempt of
     // attempts). Not an event of the JSON lines, so a no-op unless a sink shows it.
     virtual void Waiting(const char* /*what*/, unsigned /*attempt*/, unsigned /*attempts*/) {}
+    // Auto-baud: the working rate was verified or, after errors, stepped down to.
+    virtual void Link(uint32_t rate) { (void)rate; }
 };
 
 // Installs (or with nullptr removes) the sink. Not thread-safe: call before a run.
@@ -37,5 +39,6 @@ void Start(const std::string& port, uint32_t rate, const std::vector<std::string
 void Progress(const char* region, const char* phase, uint64_t done, uint64_t total);
 void Region(const char* region, uint64_t bytes, double seconds);
 void Waiting(const char* what, unsigned attempt, unsigned attempts);
+void Link(uint32_t rate);
 
 }  // namespace run_report

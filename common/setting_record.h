@@ -45,6 +45,10 @@ struct Setting {
     // Everyday commands (--verify, --erase-all, --write, --info, --flash-size).
     uint32_t iCommand;           // a FlashCommand; kCommandNone runs the classic roads
     uint64_t iFlashSize;         // --flash-size: the capacity in bytes; 0 = from the identifier
+    // First contact: modem-line sequences, empty by default (no line touched).
+    char strResetSequence[kSettingTextSize];  // [comm] strResetSequence / --reset
+    char strAfter[kSettingTextSize];          // [comm] strAfter / --after; empty = stay
+    uint8_t bAutoBaud;                        // [setting] bAutoBaud / --auto-baud: -b is the ceiling
 };
 
 // The command roads beside the upgrade and the debug mode.

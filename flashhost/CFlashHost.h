@@ -82,6 +82,17 @@ public:
     int ChangeUartBaud();
     int LoadBRom();
     void Close();
+    // The close of a run that succeeded: the link profile's after action (SysReboot,
+    // or its line sequence) and then Close. Its failures are warnings only.
+    void CloseAfterSuccess();
+    // With auto-baud: true once a rate was negotiated; StepRateDown moves target and
+    // port one rate down the ladder (0), or -1 when there is no lower rate or the
+    // target cannot be reached at it.
+    bool RateNegotiated() const { return m_ladderCount > 0; }
+    // -c auto: opens `device` at the boot rate, runs the reset sequence and tries the
+    // synchronisation, then closes it; 0 when the target answered.
+    int ProbeSync(const std::string& device);
+    int StepRateDown();
     int SendUpgradeCmd();
     int SysReboot();
     int CheckComm(std::string name);
@@ -176,6 +187,15 @@ private:
     int SetPortRate(unsigned int baud, const char* what);
     int ChangeUartBaudOrClose();
     int StartBootLoader();
+    // Modem-line sequences (line_sequence.cpp): 0, or -1 when the port has no
+    // modem lines (warned once per run on the error stream).
+    int RunLineSequence(const LineSequence& sequence, const char* what);
+    // Rate negotiation (rate_ladder.cpp).
+    int GoToWorkingRate();
+    int NegotiateRate();
+    void BuildRateLadder(unsigned int ceiling);
+    int ProveRate(const unsigned char* reference, unsigned char* scratch);
+    int MoveRate(unsigned int from, unsigned int to);
 
     // Length operations (flash_commands.cpp).
     unsigned int SectorsPerCommand(bool forRead) const;
@@ -210,6 +230,13 @@ private:
     int m_iResponderCode = 0;
     unsigned char m_flashId[kFlashIdSize] = {};
     unsigned int m_flashIdLength = 0;
+    bool m_linesWarned = false;    // the missing modem lines were reported
+    bool m_afterLinesDue = false;  // Close runs the after-action lines
+    bool m_latencyNoted = false;   // the lowered latency timer was reported
+    enum { kMaxLadder = 16 };
+    unsigned int m_rateLadder[kMaxLadder] = {};  // candidate rates, highest first
+    unsigned int m_ladderCount = 0;  // 0 until a rate was negotiated
+    unsigned int m_ladderPos = 0;    // index of the rate in use
 };
 
 extern CFlashHost g_flashHost;

@@ -1,6 +1,7 @@
 // The life of a connection: synchronisation, identification, the boot-loader upload,
 // speed changes, closing, and the text that wakes running firmware.
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <unistd.h>
 
@@ -101,6 +102,11 @@ uint64_t CFlashHost::FlashCapacity() const
 int CFlashHost::OpenPort(std::string& device)
 {
     const int result = m_comm.Uart_Init(&device[0], kBootRate);
+    if (m_comm.LoweredLatencyTimerMs() > 0 && !m_latencyNoted) {
+        std::fprintf(stderr, "adapter latency timer: %d ms -> 1 ms while the port is open\n",
+                     m_comm.LoweredLatencyTimerMs());
+        m_latencyNoted = true;  // once per run, though every connection opens the port
+    }
     if (m_comm.RateUnlisted())
         PrintRateList();
     if (m_comm.iFd < 0)
@@ -166,7 +172,7 @@ int CFlashHost::StartBootLoader()
         return CloseWith(kTextSyncError);
 
     m_iBaud = configured;
-    return ChangeUartBaudOrClose();
+    return GoToWorkingRate();
 }
 
 // The failure kinds of a connection: a log that cannot be started is a local
@@ -199,17 +205,19 @@ int CFlashHost::Connect()
     }
     WriteLogBuf("Open uart OK!", nullptr, 0);
 
+    RunLineSequence(m_link.resetSequence, "reset");  // nothing when none is set
     if (Synchron() != 0)
         return CloseWith(kTextSync1Error);
     m_iResponderCode = 0;
     m_flashIdLength = 0;
+    m_ladderCount = 0;
     if (GetFlashId() != 0)
         return CloseWith(kTextFlashIdError);
 
     // A responder above 1 serves the flash itself; so does any target when the
     // boot-loader upload is forbidden.
     if (m_iUseBrom == 0 || m_iResponderCode > 1)
-        return ChangeUartBaudOrClose();
+        return GoToWorkingRate();
     return StartBootLoader();
 }
 
@@ -221,6 +229,8 @@ void CFlashHost::Close()
     const FailureKind keptKind = m_failKind;
     m_iBaud = kBootRate;
     ChangeUartBaud();  // a target that still answers goes back to 115200
+    if (m_afterLinesDue)
+        RunLineSequence(m_link.afterLines, "after");
     WriteLogBuf(kept, nullptr, 0);
     WriteLogBuf("Close uart!", nullptr, 0);
     m_comm.UART_Close();
@@ -255,4 +265,17 @@ int CFlashHost::SysReboot()
 {
     unsigned int frameSize = BuildCommand(kSysReboot, nullptr, 0);
     return Exchange("SysReboot", frameSize, kTextRead1Timeout);
+}
+
+int CFlashHost::ProbeSync(const std::string& device)
+{
+    std::string path = device;
+    const int opened = m_comm.Uart_Init(&path[0], kBootRate);
+    int answered = -1;
+    if (opened == 0 && m_comm.iFd > 0) {
+        RunLineSequence(m_link.resetSequence, "reset");
+        answered = Synchron();
+    }
+    m_comm.UART_Close();
+    return answered;
 }

@@ -87,4 +87,11 @@ void GetDefaultSettings(char* path)
     g_Setting.bFastLink = LoadFlag(path, "bFastLink", 0);
     g_Setting.bExitCode = LoadFlag(path, "bExitCode", 0);
     g_Setting.iSectorsPerCommand = LoadSectorsPerCommand(path);
+
+    // First contact: the modem-line sequences, empty unless the file sets them.
+    std::memset(g_Setting.strResetSequence, 0, kSettingTextSize);
+    std::memset(g_Setting.strAfter, 0, kSettingTextSize);
+    LoadText(path, "comm", "strResetSequence", g_Setting.strResetSequence, "");
+    LoadText(path, "comm", "strAfter", g_Setting.strAfter, "");
+    g_Setting.bAutoBaud = LoadFlag(path, "bAutoBaud", 0);
 }

@@ -14,6 +14,8 @@
 #include "frontend/command_roads.h"
 #include "frontend/link_setup.h"
 #include "frontend/options.h"
+#include "frontend/adapter_info.h"
+#include "frontend/port_discovery.h"
 #include "frontend/port_list.h"
 #include "frontend/progress_line.h"
 #include "frontend/preflight.h"
@@ -197,12 +199,14 @@ void ListPorts(JsonSink* json)
             json->Port(p.path, p.vendor, p.product, p.serial, p.driver, p.byId);
         return;
     }
-    std::printf("%-16s %-9s %-20s %-12s %s\n", "PORT", "VID:PID", "SERIAL", "DRIVER", "BY-ID");
+    // Adapter awareness: the chip family comes last, so the columns before it stay.
+    std::printf("%-16s %-9s %-20s %-12s %s ADAPTER\n", "PORT", "VID:PID", "SERIAL", "DRIVER", "BY-ID");
     for (const SerialPortInfo& p : ports) {
         const std::string ids = p.vendor.empty() ? "-" : p.vendor + ":" + p.product;
-        std::printf("%-16s %-9s %-20s %-12s %s\n", p.path.c_str(), ids.c_str(),
+        const char* family = AdapterFamilyOf(p.vendor, p.product).name;
+        std::printf("%-16s %-9s %-20s %-12s %s %s\n", p.path.c_str(), ids.c_str(),
                     p.serial.empty() ? "-" : p.serial.c_str(), p.driver.empty() ? "-" : p.driver.c_str(),
-                    p.byId.empty() ? "-" : p.byId.c_str());
+                    p.byId.empty() ? "-" : p.byId.c_str(), *family ? family : "-");
     }
     if (ports.empty())
         std::printf("No USB serial port found.\n");
@@ -257,8 +261,30 @@ int DriverMain(int argc, char* argv[])
         break;
     }
 
-    // The one link profile of the debug and upgrade roads.
-    g_flashHost.SetLinkProfile(BuildLinkProfile(g_Setting));
+    // The one link profile of the debug and upgrade roads; first contact: a
+    // sequence that cannot be read is refused before any connection.
+    LinkProfile link = BuildLinkProfile(g_Setting);
+    std::string linkError;
+    if (!ApplyFirstContact(g_Setting, link, linkError)) {
+        std::fprintf(stderr, "%s\n", linkError.c_str());
+        return end.Finish(2, false, FailureKind::kUsage, "");
+    }
+    g_flashHost.SetLinkProfile(link);
+    if (std::string(g_Setting.strComDev) == kAutoPortWord) {
+        std::string chosen;
+        if (!DiscoverBoardPort(chosen, linkError)) {
+            std::fprintf(stderr, "%s\n", linkError.c_str());
+            return end.Finish(1, false, FailureKind::kPortOpen, "");
+        }
+        CopySettingText(g_Setting.strComDev, chosen.c_str());
+    }
+    // Adapter awareness: ModemManager on a ttyACM port; the family's highest
+    // dependable rate caps the auto-baud ladder.
+    WarnIfModemManagerProbes(g_Setting.strComDev);
+    if (link.autoBaud) {
+        link.rateCeiling = AdapterFamilyOfPort(g_Setting.strComDev).maxRate;
+        g_flashHost.SetLinkProfile(link);
+    }
     SummarySink summary(g_Setting.iBaud);
     if (end.Json())
         run_report::SetSink(end.Json());

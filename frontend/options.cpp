@@ -103,6 +103,10 @@ enum LongOption {
     kOptWrite,
     kOptInfo,
     kOptFlashSize,
+    // First contact.
+    kOptReset,
+    kOptAfter,
+    kOptAutoBaud,
 };
 
 const option kLongOptions[] = {
@@ -118,6 +122,10 @@ const option kLongOptions[] = {
     {"write", required_argument, nullptr, kOptWrite},
     {"info", no_argument, nullptr, kOptInfo},
     {"flash-size", required_argument, nullptr, kOptFlashSize},
+    // First contact: modem-line sequences.
+    {"reset", required_argument, nullptr, kOptReset},
+    {"after", required_argument, nullptr, kOptAfter},
+    {"auto-baud", no_argument, nullptr, kOptAutoBaud},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -131,6 +139,11 @@ const char* const kLongOptionLines[] = {
     "kestrelQT_u --exit-code  (exit status tells the outcome; settings key bExitCode, default: 0)",
     "kestrelQT_u --json  (JSON lines on standard output, text on standard error; implies --exit-code)",
     "kestrelQT_u --list-ports  (serial ports with USB vendor:product, serial number, driver, by-id name)",
+    // First contact.
+    "kestrelQT_u --reset SEQ  (DTR/RTS reset before the sync: none, classic, inverted or steps D1,R0,D0+R1,W100; settings key strResetSequence, default: none)",
+    "kestrelQT_u --after ACTION  (after a successful upgrade: stay, reboot or a DTR/RTS sequence; settings key strAfter, default: stay)",
+    "kestrelQT_u -c auto  (the USB serial port whose board answers; settings key strComDev=auto)",
+    "kestrelQT_u --auto-baud  (fast link: -b is the ceiling, the fastest rate that carries data is kept; settings key bAutoBaud, default: 0)",
     // Everyday commands.
     "kestrelQT_u --verify  (compare flash with the main image, OTA header and ETF image; writes nothing)",
     "kestrelQT_u --erase-all  (erase the whole flash; capacity from the flash identifier or --flash-size)",
@@ -192,6 +205,9 @@ OptionOutcome ApplyOptions(int argc, char* argv[])
             continue;
         case kOptInfo: g_Setting.iCommand = kCommandInfo; continue;
         case kOptFlashSize: PendingCommandArguments().flashSize = optarg; continue;
+        case kOptReset: CopySettingText(g_Setting.strResetSequence, optarg); continue;
+        case kOptAfter: CopySettingText(g_Setting.strAfter, optarg); continue;
+        case kOptAutoBaud: g_Setting.bAutoBaud = 1; continue;
         case 'h':
         case 'v':
             return OptionOutcome::kShowUsage;

@@ -65,6 +65,11 @@ public:
         for (run_report::Sink* s : m_sinks)
             s->Waiting(what, attempt, attempts);
     }
+    void Link(uint32_t rate) override
+    {
+        for (run_report::Sink* s : m_sinks)
+            s->Link(rate);
+    }
 
 private:
     std::vector<run_report::Sink*> m_sinks;

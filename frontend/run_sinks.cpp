@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "common/run_event_names.h"
+#include "frontend/adapter_info.h"
 
 using nlohmann::json;
 using namespace run_event;
@@ -15,8 +16,12 @@ void JsonSink::Emit(const std::string& line)
 
 void JsonSink::Start(const std::string& port, uint32_t rate, const std::vector<std::string>& images)
 {
-    Emit(json{{kFieldEvent, kEventStart}, {kFieldPort, port}, {kFieldRate, rate}, {kFieldImages, images}}
-             .dump(-1, ' ', false, json::error_handler_t::replace));
+    json start{{kFieldEvent, kEventStart}, {kFieldPort, port}, {kFieldRate, rate}, {kFieldImages, images}};
+    // Adapter awareness: the chip family, where sysfs tells it.
+    const AdapterFamily family = AdapterFamilyOfPort(port);
+    if (*family.name)
+        start[kFieldAdapter] = family.name;
+    Emit(start.dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
 void JsonSink::Progress(const char* region, const char* phase, uint64_t done, uint64_t total)
@@ -47,11 +52,18 @@ void JsonSink::Region(const char* region, uint64_t bytes, double seconds)
              .dump());
 }
 
+// Auto-baud.
+void JsonSink::Link(uint32_t rate)
+{
+    Emit(json{{kFieldEvent, kEventLink}, {kFieldRate, rate}}.dump());
+}
+
 void JsonSink::Port(const std::string& path, const std::string& vendor, const std::string& product,
                     const std::string& serial, const std::string& driver, const std::string& byId)
 {
     Emit(json{{kFieldEvent, kEventPort}, {kFieldPath, path}, {kFieldVid, vendor}, {kFieldPid, product},
-              {kFieldSerial, serial}, {kFieldDriver, driver}, {kFieldById, byId}}
+              {kFieldSerial, serial}, {kFieldDriver, driver}, {kFieldById, byId},
+              {kFieldAdapter, AdapterFamilyOf(vendor, product).name}}
              .dump(-1, ' ', false, json::error_handler_t::replace));
 }
 

@@ -27,6 +27,8 @@ public:
                const std::vector<SectionHeader>& sections);
     // The last line of every run, exactly once.
     void Result(int exitCode, const std::string& message, double seconds);
+    // Auto-baud: {"event":"link","rate":N} for each rate the run moves to.
+    void Link(uint32_t rate) override;
 
 private:
     void Emit(const std::string& line);
@@ -47,6 +49,8 @@ public:
     void Start(const std::string&, uint32_t, const std::vector<std::string>&) override {}
     void Progress(const char*, const char*, uint64_t, uint64_t) override {}
     void Region(const char* region, uint64_t bytes, double seconds) override;
+    // Auto-baud: the summary's line rate is the rate in use.
+    void Link(uint32_t rate) override { m_lineRate = rate; }
 
 private:
     uint32_t m_lineRate;

@@ -29,6 +29,8 @@ struct KnownKey {
 const KnownKey kKnownKeys[] = {
     {"comm", "strComDev", KeyKind::kText},
     {"comm", "iBaud", KeyKind::kDecimal},
+    {"comm", "strResetSequence", KeyKind::kText},
+    {"comm", "strAfter", KeyKind::kText},
     {"log", "strLogFile", KeyKind::kText},
     {"firmware", "strImagePath", KeyKind::kText},
     {"firmware", "strEtfImagePath", KeyKind::kText},
@@ -40,6 +42,7 @@ const KnownKey kKnownKeys[] = {
     {"setting", "bFastLink", KeyKind::kDecimal},
     {"setting", "bExitCode", KeyKind::kDecimal},
     {"setting", "iSectorsPerCommand", KeyKind::kDecimal},
+    {"setting", "bAutoBaud", KeyKind::kDecimal},
     {"debug", "iDebugOp", KeyKind::kWord},
     {"debug", "iAddress", KeyKind::kHex},
     {"debug", "iLength", KeyKind::kHex},

@@ -274,3 +274,17 @@ void CCommU::UART_Close()
         m_port->Close();
     iFd = 0;
 }
+
+int CCommU::ProbeRate(unsigned int baud)
+{
+    if (iFd <= 0)
+        return -1;
+    for (int i = 0; i < kRateTableSize; ++i) {
+        if (name_arr[i] != baud)
+            continue;
+        const int taken = m_port->Configure(speed_arr[i], baud);
+        m_port->Configure(iSpeed, iBaudRate);
+        return taken == 0 ? 0 : -1;
+    }
+    return -1;
+}

@@ -58,6 +58,15 @@ public:
     // refused cannot be taken for the start of the next one.
     void DrainInput();
 
+    // 0 when the open device takes `baud` (a table rate); the line is put back to
+    // its current rate either way, its queues discarded.
+    int ProbeRate(unsigned int baud);
+    // The adapter's latency timer lowered to 1 ms at the open, in ms before; 0: none.
+    int LoweredLatencyTimerMs() const { return m_port->LoweredLatencyTimerMs(); }
+
+    // The modem lines, as BytePort::SetModemLines: -1 where the port has none.
+    int SetModemLines(int dtr, int rts) { return m_port->SetModemLines(dtr, rts); }
+
     int iFd;                   // 0 = no device open; negative after a failed open
     std::string strPortName;
     int iSpeed;                // terminal speed constant in use

@@ -29,4 +29,17 @@ public:
     // its latency timer; refused quietly where the driver does not allow it. The
     // previous setting comes back at Close.
     virtual void SetLowLatency() {}
+    // The latency timer SetLowLatency found and lowered to 1 ms through sysfs (FTDI
+    // adapters whose driver ignores the flag), in ms; 0 when it lowered none.
+    virtual int LoweredLatencyTimerMs() const { return 0; }
+    // Sets the modem lines: each of dtr and rts is -1 (left as it is), 0 (released)
+    // or 1 (asserted: its TIOCM bit set). Both given change in one call, since some
+    // drivers lose or reorder transitions made one call at a time. 0, or -1 with
+    // errno when the port has no modem lines; the default port has none.
+    virtual int SetModemLines(int dtr, int rts)
+    {
+        (void)dtr;
+        (void)rts;
+        return -1;
+    }
 };

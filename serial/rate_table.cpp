@@ -11,6 +11,15 @@
 #define KESTREL_B921600 921600
 #endif
 
+// macOS names no rate above 230400; its speed values are the plain bit rates, and
+// the terminal port sets the faster ones through IOSSIOSPEED.
+#if defined(__APPLE__) && !defined(B1000000)
+#define B1000000 1000000
+#define B1500000 1500000
+#define B2000000 2000000
+#define B3000000 3000000
+#endif
+
 // The thirteen classic rates end at 921600, the default working rate. The faster
 // rates after it are appended only where the platform names them, so that a
 // boot-loader configured for such a rate can be followed by the port instead of

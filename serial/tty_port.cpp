@@ -1,6 +1,9 @@
 #include "serial/tty_port.h"
 
 #include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
@@ -10,6 +13,9 @@
 #include <unistd.h>
 #ifdef __linux__
 #include <linux/serial.h>
+#endif
+#ifdef __APPLE__
+#include <IOKit/serial/ioss.h>
 #endif
 
 namespace {
@@ -58,6 +64,7 @@ int TtyPort::Open(const char* path)
         fd = -1;
     }
     m_fd = fd;
+    m_path = path;
     return fd > 0 ? fd : -1;
 }
 
@@ -70,8 +77,27 @@ void TtyPort::Close()
     m_fd = -1;
 }
 
+#if defined(__APPLE__) && defined(IOSSIOSPEED)
+namespace {
+
+// The highest rate macOS sets through the terminal attributes; above it the
+// attributes carry this rate and IOSSIOSPEED the real one (speed values there are
+// the plain bit rates).
+const int kAppleAttributeRateMax = 230400;
+
+}  // namespace
+#endif
+
 int TtyPort::ConfigureRaw(int fd, int speed)
 {
+#if defined(__APPLE__) && defined(IOSSIOSPEED)
+    if (speed > kAppleAttributeRateMax) {
+        if (ConfigureRaw(fd, kAppleAttributeRateMax) != 0)
+            return -1;
+        speed_t rate = static_cast<speed_t>(speed);
+        return ioctl(fd, IOSSIOSPEED, &rate) == 0 ? 0 : -1;
+    }
+#endif
     termios current;
     if (tcgetattr(fd, &current) != 0)
         return -1;  // not a terminal (or gone): leave it as it is
@@ -136,6 +162,12 @@ int TtyPort::Wait(bool forWrite, unsigned int timeoutUs)
 
 void TtyPort::SetLowLatency()
 {
+    SetLowLatencyFlag();
+    LowerLatencyTimer();
+}
+
+void TtyPort::SetLowLatencyFlag()
+{
 #if defined(__linux__) && defined(TIOCGSERIAL) && defined(ASYNC_LOW_LATENCY)
     serial_struct info;
     if (m_latencyChanged || ioctl(m_fd, TIOCGSERIAL, &info) != 0)
@@ -151,6 +183,7 @@ void TtyPort::SetLowLatency()
 
 void TtyPort::RestoreLatency()
 {
+    RestoreLatencyTimer();
 #if defined(__linux__) && defined(TIOCGSERIAL)
     if (!m_latencyChanged)
         return;
@@ -161,4 +194,71 @@ void TtyPort::RestoreLatency()
     }
     m_latencyChanged = false;
 #endif
+}
+
+// One line: TIOCMBIS or TIOCMBIC for its bit alone. Both: the current state read and
+// written back changed in a single TIOCMSET.
+int TtyPort::SetModemLines(int dtr, int rts)
+{
+    if (dtr < 0 && rts < 0)
+        return 0;
+    if (dtr < 0 || rts < 0) {
+        int bit = dtr >= 0 ? TIOCM_DTR : TIOCM_RTS;
+        const bool assert = (dtr >= 0 ? dtr : rts) != 0;
+        return ioctl(m_fd, assert ? TIOCMBIS : TIOCMBIC, &bit) == 0 ? 0 : -1;
+    }
+    int lines = 0;
+    if (ioctl(m_fd, TIOCMGET, &lines) != 0)
+        return -1;
+    lines = dtr ? (lines | TIOCM_DTR) : (lines & ~TIOCM_DTR);
+    lines = rts ? (lines | TIOCM_RTS) : (lines & ~TIOCM_RTS);
+    return ioctl(m_fd, TIOCMSET, &lines) == 0 ? 0 : -1;
+}
+
+// FTDI adapters hold received bytes up to their latency timer (16 ms by default),
+// and some driver versions ignore the low-latency flag: the timer itself is set to
+// 1 ms through sysfs where the file is writable, and put back at Close.
+void TtyPort::LowerLatencyTimer()
+{
+#ifdef __linux__
+    if (m_savedLatencyTimerMs > 0)
+        return;
+    char resolved[PATH_MAX];
+    const std::string device = realpath(m_path.c_str(), resolved) ? resolved : m_path;
+    const std::string name = device.substr(device.find_last_of('/') + 1);
+    const std::string path = "/sys/class/tty/" + name + "/device/latency_timer";
+    int fd = open(path.c_str(), O_RDONLY);
+    if (fd < 0)
+        return;  // not an FTDI adapter
+    char text[16] = {};
+    const long got = read(fd, text, sizeof text - 1);
+    close(fd);
+    const int ms = got > 0 ? std::atoi(text) : 0;
+    if (ms <= 1)
+        return;
+    fd = open(path.c_str(), O_WRONLY | O_TRUNC);
+    if (fd < 0)
+        return;  // not writable (permissions): the timer stays
+    if (write(fd, "1", 1) == 1) {
+        m_savedLatencyTimerMs = ms;
+        m_latencyTimerPath = path;
+    }
+    close(fd);
+#endif
+}
+
+void TtyPort::RestoreLatencyTimer()
+{
+    if (m_savedLatencyTimerMs <= 0)
+        return;
+    const int fd = open(m_latencyTimerPath.c_str(), O_WRONLY | O_TRUNC);
+    if (fd >= 0) {
+        char text[16];
+        const int n = std::snprintf(text, sizeof text, "%d", m_savedLatencyTimerMs);
+        if (write(fd, text, static_cast<size_t>(n)) != n) {
+            // nothing more to do: the adapter keeps 1 ms until it is plugged again
+        }
+        close(fd);
+    }
+    m_savedLatencyTimerMs = 0;
 }

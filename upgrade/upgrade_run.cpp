@@ -274,7 +274,7 @@ void ConnectAndProgram(UpgradeRun& run, const PhasePlan& plan)
         AbortRun(run);
         return;
     }
-    g_flashHost.Close();
+    g_flashHost.CloseAfterSuccess();  // the after action, if any, then Close
     g_iUpdateStatus = kStatusSuccess;
     std::printf("%d%%: Upgrade OK!\n", 100);
     std::fflush(stdout);

@@ -111,9 +111,14 @@ Attempt RunAttempt(const WriteCycle& cycle, unsigned char* data, unsigned char* 
 
 // Before the last attempt a link at 921600 drops to 115200 for the rest of the run;
 // the switch is attempted blindly, the attempt itself shows whether the link works.
-void FallBackToSafeSpeed()
+// At a negotiated rate (auto-baud) every retry first steps one rate down the
+// negotiated ladder instead, while there is a lower rate: the failure is most
+// likely the line at that rate, and a rate near it is much faster than 115200.
+void FallBackToSafeSpeed(int attempt)
 {
-    if (g_flashHost.GetBaud() != kFallBackFromBaud)
+    if (g_flashHost.RateNegotiated() && g_flashHost.StepRateDown() == 0)
+        return;
+    if (attempt != kWriteAttempts || g_flashHost.GetBaud() != kFallBackFromBaud)
         return;
     g_flashHost.SetBaud(kSafeBaud);
     g_flashHost.ChangeUartBaud();
@@ -175,8 +180,8 @@ int RunWriteCycle(const WriteCycle& cycle, unsigned char* data, unsigned char* c
     for (int attempt = 1; attempt <= kWriteAttempts; ++attempt) {
         if (StopRequested())
             break;
-        if (attempt == kWriteAttempts)
-            FallBackToSafeSpeed();
+        if (attempt > 1)
+            FallBackToSafeSpeed(attempt);
         Attempt outcome = RunAttempt(cycle, data, compare);
         if (outcome.result == kAttemptDone) {
             run_report::Progress(cycle.region, "done", cycle.regionDone + cycle.length,

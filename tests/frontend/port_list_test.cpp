@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "frontend/adapter_info.h"
 #include "frontend/port_list.h"
 #include "tests/support/process.h"
 
@@ -66,3 +67,38 @@ TEST(PortList, TheToolListsTheMachinesPortsAndSucceeds)
 }
 
 }  // namespace
+
+// Adapter awareness: the family table by vendor:product (either case), and
+// ModemManager found by its process name.
+TEST(AdapterInfo, FamilyAndItsHighestDependableRate)
+{
+    const struct {
+        const char *vendor, *product, *family;
+        uint32_t maxRate;
+    } rows[] = {
+        {"0403", "6001", "FTDI FT232R", 3000000}, {"0403", "6099", "FTDI", 3000000},
+        {"10C4", "EA60", "CP210x", 1000000},      {"1a86", "7523", "CH340", 921600},
+        {"067b", "2303", "PL2303", 921600},       {"2e8a", "000a", "", 0},
+        {"", "", "", 0},
+    };
+    for (const auto& row : rows) {
+        const AdapterFamily f = AdapterFamilyOf(row.vendor, row.product);
+        EXPECT_STREQ(row.family, f.name) << row.vendor << ":" << row.product;
+        EXPECT_EQ(row.maxRate, f.maxRate) << row.vendor << ":" << row.product;
+    }
+}
+
+TEST(AdapterInfo, ModemManagerIsFoundByItsProcessName)
+{
+    TempDir dir;
+    const std::string proc = dir.File("proc");
+    MakeFolders(proc + "/1");
+    MakeFolders(proc + "/self");
+    WriteText(proc + "/1/comm", "systemd\n");
+    WriteText(proc + "/self/comm", "ModemManager\n");  // not a process number
+    EXPECT_FALSE(ModemManagerRunning(proc));
+    MakeFolders(proc + "/812");
+    WriteText(proc + "/812/comm", "ModemManager\n");
+    EXPECT_TRUE(ModemManagerRunning(proc));
+    EXPECT_FALSE(ModemManagerRunning(dir.File("none")));
+}

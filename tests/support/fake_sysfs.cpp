@@ -79,6 +79,8 @@ bool Link(const std::string& root, const std::string& link, const std::string& t
         relative += "../";
     for (size_t i = common; i < to.size(); ++i)
         relative += to[i] + (i + 1 < to.size() ? "/" : "");
+    // A link made again (a second port of the same adapter) is replaced.
+    unlink((root + "/" + link).c_str());
     return MakeFolders(root, link.substr(0, link.find_last_of('/'))) &&
            symlink(relative.c_str(), (root + "/" + link).c_str()) == 0;
 }

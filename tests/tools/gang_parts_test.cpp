@@ -215,12 +215,14 @@ TEST(GangSchema, TheToolsJsonLinesUseTheSharedNames)
     sink.Progress("main", "write", 1, 2);
     sink.Region("main", 2, 1.0);
     sink.Port("/dev/p", "0403", "6001", "A1", "ftdi_sio", "usb-x");
+    sink.Link(2000000);
     sink.Result(0, "Upgrade OK!", 1.0);
     const std::vector<std::vector<const char*>> expected = {
         {kEventStart, kFieldPort, kFieldRate, kFieldImages},
         {kEventProgress, kFieldRegion, kFieldPhase, kFieldDone, kFieldTotal},
         {kEventRegion, kFieldRegion, kFieldBytes, kFieldSeconds, kFieldKbytesPerS},
-        {kEventPort, kFieldPath, kFieldVid, kFieldPid, kFieldSerial, kFieldDriver, kFieldById},
+        {kEventPort, kFieldPath, kFieldVid, kFieldPid, kFieldSerial, kFieldDriver, kFieldById, kFieldAdapter},
+        {kEventLink, kFieldRate},
         {kEventResult, kFieldOk, kFieldExitCode, kFieldMessage, kFieldSeconds, kFieldBytes}};
     std::rewind(out);
     char line[512];

@@ -1,0 +1,322 @@
+// First contact against the simulated board: the tool's DTR/RTS changes reach the
+// simulator's board wiring through the adapter shim's modem channel, so a chip that
+// runs its firmware is brought into the boot ROM by --reset and restarted by --after.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <sys/stat.h>
+
+#include "tests/support/fake_sysfs.h"
+#include "tests/upgrade/upgrade_fixtures.h"
+
+namespace {
+
+constexpr uint8_t kSysReboot = 0x12;
+
+// A bench whose tool runs under the adapter shim; with modem lines the shim carries
+// them to the simulator's channel, without them the pty refuses the ioctls as a
+// port without modem lines does.
+struct LineBench {
+    UpgradeBench bench;
+    Bytes image = MakeImage(1, {3000}, 41);
+
+    explicit LineBench(bool modemLines, const std::string& shimSetting = "", size_t imageBytes = 3000)
+    {
+        image = MakeImage(1, {imageBytes}, 41);
+        bench.WriteFile("main.img", image);
+        bench.toolLauncher = {"/usr/bin/env", std::string("LD_PRELOAD=") + KESTREL_ADAPTER_SHIM,
+                              "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1"};
+        if (modemLines)
+            bench.toolLauncher.push_back("KESTREL_SHIM_MODEM=" + Channel());
+        if (!shimSetting.empty())
+            bench.toolLauncher.push_back(shimSetting);
+    }
+    std::string Channel() const { return bench.Path("modem.sock"); }
+
+    ProcessResult Run(std::vector<std::string> toolArgs, std::vector<std::string> simArgs)
+    {
+        toolArgs.insert(toolArgs.end(), {"-i", "main.img", "-u", "0"});
+        simArgs.insert(simArgs.end(), {"--modem-channel", Channel()});
+        return bench.Run(toolArgs, simArgs);
+    }
+    bool Programmed() const
+    {
+        Bytes expected = bench.InitialFlash();
+        ModelBlockWrite(expected, 0, image);
+        return FirstDifference(expected, bench.Flash()) == -1;
+    }
+};
+
+struct ResetCase {
+    const char* name;
+    std::vector<std::string> toolArgs;
+    const char* wiring;
+    bool reachesBootRom;
+};
+
+void PrintTo(const ResetCase& c, std::ostream* os) { *os << c.name; }
+
+class ResetSequence : public testing::TestWithParam<ResetCase> {};
+
+// A board in firmware mode ignores the sync until reset is released with the boot
+// strap held: only the sequence for its wiring gets the upgrade through.
+TEST_P(ResetSequence, ReachesTheBootRomOnlyWithTheSequenceForTheWiring)
+{
+    const ResetCase& c = GetParam();
+    LineBench line(true);
+    ProcessResult r = line.Run(c.toolArgs, {"--wiring", c.wiring});
+    const std::string trace = line.bench.Trace();
+    if (c.reachesBootRom) {
+        EXPECT_EQ(0, r.exitStatus);
+        EXPECT_NE(std::string::npos, r.out.find("Upgrade OK!")) << r.out << r.err;
+        EXPECT_TRUE(line.Programmed());
+        EXPECT_NE(std::string::npos, trace.find("event reset boot-rom")) << trace;
+    } else {
+        EXPECT_NE(std::string::npos, r.out.find("Synchron1 error!")) << r.out << r.err;
+        EXPECT_EQ(std::string::npos, trace.find("event reset boot-rom"));
+    }
+    EXPECT_EQ(std::string::npos, r.err.find("modem lines")) << r.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Boards, ResetSequence,
+    testing::Values(
+        ResetCase{"ClassicOnRtsReset", {"--reset", "classic"}, "two-transistor-rts-reset", true},
+        ResetCase{"NoSequenceStaysInFirmware", {}, "two-transistor-rts-reset", false},
+        ResetCase{"InvertedOnRtsResetRunsFirmware", {"--reset", "inverted"}, "two-transistor-rts-reset", false},
+        ResetCase{"InvertedOnDtrReset", {"--reset", "inverted"}, "two-transistor-dtr-reset", true},
+        ResetCase{"StepsOnDirectWiring", {"--reset", "R1,D1,W20,R0,W20,D0"}, "direct-rts-reset", true}),
+    [](const testing::TestParamInfo<ResetCase>& info) { return std::string(info.param.name); });
+
+// The sequence is set from the settings file just as from the option.
+TEST(ResetSequenceSetting, TheCommKeyResetsTheBoard)
+{
+    LineBench line(true);
+    const std::string settings = "[comm]\nstrResetSequence=classic\n[debug]\niDebugOp=n\n";
+    line.bench.WriteFile("settings_mac.ini", Bytes(settings.begin(), settings.end()));
+    ProcessResult r = line.Run({}, {"--wiring", "two-transistor-rts-reset"});
+    EXPECT_NE(std::string::npos, r.out.find("Upgrade OK!")) << r.out << r.err;
+}
+
+// A port without modem lines: one warning on stderr, and the run is the run without
+// the sequence, byte for byte on standard output.
+TEST(ResetSequenceWithoutModemLines, WarnsOnceAndRunsAsWithout)
+{
+    LineBench plain(false), withReset(false);
+    ProcessResult a = plain.Run({}, {});
+    ProcessResult b = withReset.Run({"--reset", "classic", "--after", "R1,R0"}, {});
+    EXPECT_EQ(a.exitStatus, b.exitStatus);
+    EXPECT_EQ(WithoutDevicePaths(a.out), WithoutDevicePaths(b.out));
+    EXPECT_EQ(1u, CountOccurrences(b.err, "has no modem lines")) << b.err;
+    EXPECT_TRUE(withReset.Programmed());
+}
+
+struct AfterCase {
+    const char* name;
+    std::vector<std::string> toolArgs, simArgs;
+    bool succeeds;
+    size_t reboots;          // SysReboot frames the target received
+    const char* traceEvent;  // in the trace after the run, or ""
+};
+
+void PrintTo(const AfterCase& c, std::ostream* os) { *os << c.name; }
+
+class AfterAction : public testing::TestWithParam<AfterCase> {};
+
+TEST_P(AfterAction, RunsOnceAfterSuccessAndNeverAfterFailure)
+{
+    const AfterCase& c = GetParam();
+    LineBench line(true);
+    ProcessResult r = line.Run(c.toolArgs, c.simArgs);
+    const std::string trace = line.bench.Trace();
+    EXPECT_EQ(c.succeeds, r.out.find("Upgrade OK!") != std::string::npos) << r.out << r.err;
+    EXPECT_EQ(c.reboots, CountFramesReceived(trace, kSysReboot)) << trace;
+    if (*c.traceEvent) {
+        EXPECT_NE(std::string::npos, trace.find(c.traceEvent)) << trace;
+    }
+    EXPECT_EQ("", r.err);
+}
+
+const std::vector<std::string> kRtsReset = {"--wiring", "two-transistor-rts-reset"};
+INSTANTIATE_TEST_SUITE_P(
+    Runs, AfterAction,
+    testing::Values(
+        AfterCase{"StayIsTheClassicEnd", {"--after", "stay"}, {}, true, 0, ""},
+        AfterCase{"RebootAfterSuccess", {"--after", "reboot"}, {}, true, 1, "event reboot, boot rom started"},
+        AfterCase{"NoRebootAfterFailure", {"--after", "reboot"}, {"--fault", "EraseFlash:every:error2"}, false, 0, ""},
+        AfterCase{"RebootIntoNewFirmware", {"--reset", "classic", "--after", "reboot"}, kRtsReset, true, 1,
+                  "event reboot, firmware running"},
+        AfterCase{"ResetPulseRunsNewFirmware", {"--reset", "classic", "--after", "R1,W50,R0"}, kRtsReset, true, 0,
+                  "event reset firmware"}),
+    [](const testing::TestParamInfo<AfterCase>& info) { return std::string(info.param.name); });
+
+// A sequence that cannot be read, or auto-baud without the fast link, is refused
+// before anything reaches the port.
+TEST(FirstContactRefusal, IsMadeBeforeTheFirstByte)
+{
+    const struct {
+        std::vector<std::string> args;
+        const char* line;
+    } rows[] = {
+        {{"--reset", "D2"}, "--reset D2: step \"D2\""},
+        {{"--after", "W"}, "--after W: step \"W\""},
+        {{"--auto-baud"}, "--auto-baud needs the fast link"},
+    };
+    for (const auto& row : rows) {
+        LineBench line(true);
+        ProcessResult r = line.Run(row.args, {});
+        EXPECT_EQ(2, r.exitStatus);
+        EXPECT_NE(std::string::npos, r.err.find(row.line)) << r.err;
+        EXPECT_EQ(0u, CountOccurrences(line.bench.Trace(), "rx "));
+    }
+}
+
+constexpr uint8_t kWriteSector = 0x1B;
+
+struct RateCase {
+    const char* name;
+    std::vector<std::string> toolArgs, simArgs;
+    const char* shimSetting;
+    const char* expectedErr;  // on standard error
+    const char* lastRate;     // every write after the negotiation goes at this rate
+};
+
+void PrintTo(const RateCase& c, std::ostream* os) { *os << c.name; }
+
+class AutoBaud : public testing::TestWithParam<RateCase> {};
+
+// The rate is found, and the flash is programmed correctly at it. The image spans
+// two blocks, so a fault after the tenth write still has writes after it.
+TEST_P(AutoBaud, LandsOnTheFastestRateTheLineCarriesAndProgramsCorrectly)
+{
+    const RateCase& c = GetParam();
+    LineBench line(false, c.shimSetting, 100000);
+    std::vector<std::string> args = {"--fast", "--auto-baud"};
+    args.insert(args.end(), c.toolArgs.begin(), c.toolArgs.end());
+    ProcessResult r = line.Run(args, c.simArgs);
+    EXPECT_EQ(0, r.exitStatus);
+    EXPECT_NE(std::string::npos, (r.out + r.err).find("Upgrade OK!")) << r.out << r.err;
+    EXPECT_NE(std::string::npos, r.err.find(c.expectedErr)) << r.err;
+    EXPECT_TRUE(line.Programmed());
+    const std::string trace = line.bench.Trace();
+    const size_t writes = CountFramesReceived(trace, kWriteSector);
+    const size_t writesAtLast = CountFramesReceived(trace, kWriteSector, c.lastRate);
+    EXPECT_GT(writes, 10u);
+    if (r.err.find("stepped down") == std::string::npos) {
+        EXPECT_EQ(writes, writesAtLast);
+    } else {
+        EXPECT_GT(writesAtLast, 0u);
+        EXPECT_LT(writesAtLast, writes);
+    }
+    if (r.out.rfind("{", 0) == 0) {
+        EXPECT_NE(std::string::npos, r.out.find(std::string("{\"event\":\"link\",\"rate\":") + c.lastRate + "}"))
+            << r.out;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lines, AutoBaud,
+    testing::Values(
+        RateCase{"CleanTo2MbaudLandsAt2Mbaud", {"-b", "3000000"}, {"--clean-rate-max", "2000000"}, "",
+                 "link: 2000000 bit/s, verified", "2000000"},
+        RateCase{"CleanLineReachesTheCeiling", {"-b", "3000000"}, {}, "", "link: 3000000 bit/s, verified",
+                 "3000000"},
+        RateCase{"AdapterRefusingAbove1500000", {"-b", "3000000"}, {}, "KESTREL_SHIM_MAX_RATE=1500000",
+                 "link: 1500000 bit/s, verified", "1500000"},
+        RateCase{"MidRunCorruptionStepsOneRateDown", {"-b", "2000000"},
+                 {"--fault", "WriteSector:10:degrade=1500000"}, "",
+                 "link: errors at 2000000 bit/s, stepped down to 1500000 bit/s", "1500000"},
+        RateCase{"JsonCarriesTheLinkEvent", {"-b", "3000000", "--json"}, {"--clean-rate-max", "2000000"}, "",
+                 "link: 2000000 bit/s, verified", "2000000"}),
+    [](const testing::TestParamInfo<RateCase>& info) { return std::string(info.param.name); });
+
+// -c auto against made-up adapters in a fake sysfs whose device nodes lead to
+// simulators: one port is taken as it is; of several, the one whose target answers
+// the synchronisation; none answering is an error naming the candidates.
+struct DiscoveryCase {
+    const char* name;
+    int ports;               // 1 or 2: ttyUSB0 is the bench's board, ttyUSB1 another
+    const char* otherBoard;  // the second simulator's wiring ("": it answers too)
+    bool found;
+    const char* expectedErr;
+};
+
+void PrintTo(const DiscoveryCase& c, std::ostream* os) { *os << c.name; }
+
+class PortDiscovery : public testing::TestWithParam<DiscoveryCase> {};
+
+TEST_P(PortDiscovery, FindsTheOnePortWhoseBoardAnswers)
+{
+    const DiscoveryCase& c = GetParam();
+    LineBench line(false);
+    const std::string root = line.bench.Path("fake");
+    ASSERT_EQ(0, mkdir(root.c_str(), 0700));
+    line.bench.toolLauncher.push_back("KESTREL_SHIM_SYSFS_ROOT=" + root);
+    ASSERT_TRUE(MakeFakeAdapter(root, line.bench.Path("board0")));
+    std::unique_ptr<SimProcess> other;
+    if (c.ports == 2) {
+        std::vector<std::string> simArgs;
+        if (*c.otherBoard)
+            simArgs = {"--wiring", c.otherBoard};
+        other.reset(new SimProcess(simArgs));
+        ASSERT_TRUE(other->Started());
+        FakeAdapter second;
+        second.ttyName = "ttyUSB1";
+        second.serial = "KS000002";
+        ASSERT_TRUE(MakeFakeAdapter(root, other->DevicePath(), second));
+    }
+    ProcessResult r = line.Run({"-c", "auto"}, {"--link", line.bench.Path("board0")});
+    EXPECT_NE(std::string::npos, r.err.find(c.expectedErr)) << r.err;
+    if (c.found) {
+        EXPECT_NE(std::string::npos, r.out.find("COM:/dev/ttyUSB0\n")) << r.out;
+        EXPECT_NE(std::string::npos, r.out.find("Upgrade OK!")) << r.out << r.err;
+        EXPECT_TRUE(line.Programmed());
+    } else {
+        EXPECT_EQ(1, r.exitStatus);
+        EXPECT_EQ(std::string::npos, r.out.find("COM:")) << r.out;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Adapters, PortDiscovery,
+    testing::Values(
+        DiscoveryCase{"OnePortIsTaken", 1, "", true,
+                      "-c auto: using /dev/ttyUSB0 (/dev/serial/by-id/usb-FTDI_FT232R_USB_UART_KS000001-if00-port0)"},
+        DiscoveryCase{"OfTwoTheOneThatAnswers", 2, "two-transistor-rts-reset", true, "-c auto: using /dev/ttyUSB0"},
+        DiscoveryCase{"TwoAnsweringIsAnError", 2, "", false,
+                      "-c auto: more than one port answered; candidates:\n  /dev/ttyUSB0 (/dev/serial/by-id/"
+                      "usb-FTDI_FT232R_USB_UART_KS000001-if00-port0)\n  /dev/ttyUSB1"}),
+    [](const testing::TestParamInfo<DiscoveryCase>& info) { return std::string(info.param.name); });
+
+// Adapter awareness on a made-up adapter: the family caps the auto-baud ladder and
+// names the adapter in the start event; an FTDI latency timer is lowered to 1 ms on
+// the fast link and put back when the port closes.
+TEST(AdapterAwareness, FamilyCapsTheLadderAndTheLatencyTimerIsRestored)
+{
+    const struct {
+        FakeAdapter adapter;
+        std::vector<std::string> args;
+        const char *err, *json, *latencyAfter;
+    } rows[] = {
+        {FakeAdapter{"ttyUSB0", "1a86", "7523", "ch341", "S1", "WCH", "USB_Serial", -1},
+         {"--auto-baud", "-b", "3000000", "--json"}, "link: 921600 bit/s, verified", "\"adapter\":\"CH340\"", ""},
+        {FakeAdapter{}, {}, "adapter latency timer: 16 ms -> 1 ms while the port is open\n", "", "16"},
+    };
+    for (const auto& row : rows) {
+        LineBench line(false);
+        const std::string root = line.bench.Path("fake");
+        ASSERT_EQ(0, mkdir(root.c_str(), 0700));
+        line.bench.toolLauncher.push_back("KESTREL_SHIM_SYSFS_ROOT=" + root);
+        ASSERT_TRUE(MakeFakeAdapter(root, line.bench.Path("board0"), row.adapter));
+        std::vector<std::string> args = {"-c", "/dev/ttyUSB0", "--fast"};
+        args.insert(args.end(), row.args.begin(), row.args.end());
+        ProcessResult r = line.Run(args, {"--link", line.bench.Path("board0")});
+        EXPECT_NE(std::string::npos, (r.out + r.err).find("Upgrade OK!")) << r.out << r.err;
+        EXPECT_NE(std::string::npos, r.err.find(row.err)) << r.err;
+        EXPECT_EQ(1u, CountOccurrences(r.err, row.err)) << r.err;
+        EXPECT_NE(std::string::npos, r.out.find(row.json)) << r.out;
+        EXPECT_EQ(row.latencyAfter, FakeLatencyTimer(root, row.adapter));
+    }
+}
+
+}  // namespace
