@@ -1,4 +1,5 @@
 #include "frontend/command_roads.h"
+#include "frontend/upgrade_start.h"
 
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -84,17 +85,6 @@ FailureKind ParseWrite(const std::string& word, std::vector<RawWrite>& writes)
         writes.push_back(std::move(w));
     }
     return FailureKind::kNone;
-}
-
-void SetUpHost()
-{
-    g_flashHost.SetComNum(g_Setting.strComDev);
-    g_flashHost.SetBaud(g_Setting.iBaud);
-    g_flashHost.SetBitUpdateChangeOnly(g_Setting.bUpdateChangeOnly);
-    g_flashHost.SetUseBrom(g_Setting.bFlashCompat);
-    g_flashHost.SetStartUpdate();
-    g_fwParser.SetFilePath(g_Setting.strImagePath);
-    g_etfFwParser.SetFilePath(g_Setting.strEtfImagePath);
 }
 
 std::string HexBytes(const std::vector<unsigned char>& bytes, const char* separator)
@@ -198,7 +188,7 @@ CommandOutcome RunCommandRoad(JsonSink* json)
         }
         g_Setting.iFlashSize = size;
     }
-    SetUpHost();
+    HandSettingsToHost();
     run_report::Start(g_Setting.strComDev, g_Setting.iBaud, {});
     switch (g_Setting.iCommand) {
     case kCommandInfo: return InfoRoad(json);

@@ -55,9 +55,8 @@ void* InputThread(void*)
     return nullptr;
 }
 
-int RunUpgradeRoad(UpgradeOutcome& outcome)
+void HandSettingsToHost()
 {
-    g_iUpdateStatus = -1;
     g_flashHost.SetComNum(g_Setting.strComDev);
     g_flashHost.SetBaud(g_Setting.iBaud);
     g_flashHost.SetBitUpdateChangeOnly(g_Setting.bUpdateChangeOnly);
@@ -65,6 +64,12 @@ int RunUpgradeRoad(UpgradeOutcome& outcome)
     g_flashHost.SetStartUpdate();
     g_fwParser.SetFilePath(g_Setting.strImagePath);
     g_etfFwParser.SetFilePath(g_Setting.strEtfImagePath);
+}
+
+int RunUpgradeRoad(UpgradeOutcome& outcome)
+{
+    g_iUpdateStatus = -1;
+    HandSettingsToHost();
 
     if (pthread_create(&g_hUpgradeThread, nullptr, UpGradeThread, &outcome) != 0) {
         std::puts("Create UpGradeThread error!");

@@ -4,6 +4,11 @@
 
 #include "upgrade/UpGrade.h"
 
+// Hands the run's settings to the flash host (device, speed, change-only and
+// boot-loader flags, a cleared stop request) and the image paths to both parsers:
+// what every road that connects like an upgrade does first.
+void HandSettingsToHost();
+
 // Runs a whole upgrade and returns the exit status; the worker leaves the class of
 // a failure in `outcome`.
 int RunUpgradeRoad(UpgradeOutcome& outcome);

@@ -89,13 +89,33 @@ INSTANTIATE_TEST_SUITE_P(
     [](const testing::TestParamInfo<ResetCase>& info) { return std::string(info.param.name); });
 
 // The sequence is set from the settings file just as from the option.
-TEST(ResetSequenceSetting, TheCommKeyResetsTheBoard)
+// The settings keys steer what the options do: the reset sequence brings a board
+// in firmware mode into its boot ROM and the after action reboots it (one SysReboot
+// on the wire); auto-baud on the fast link lands on the rate the line carries.
+TEST(FirstContactSettings, TheKeysOfTheSettingsFileTakeEffect)
 {
-    LineBench line(true);
-    const std::string settings = "[comm]\nstrResetSequence=classic\n[debug]\niDebugOp=n\n";
-    line.bench.WriteFile("settings_mac.ini", Bytes(settings.begin(), settings.end()));
-    ProcessResult r = line.Run({}, {"--wiring", "two-transistor-rts-reset"});
-    EXPECT_NE(std::string::npos, r.out.find("Upgrade OK!")) << r.out << r.err;
+    const struct {
+        std::string settings;
+        std::vector<std::string> toolArgs, simArgs;
+        size_t reboots;
+        const char* expectedErr;
+    } cases[] = {
+        {"[comm]\nstrResetSequence=classic\nstrAfter=reboot\n", {}, {"--wiring", "two-transistor-rts-reset"}, 1,
+         ""},
+        {"[setting]\nbFastLink=1\nbAutoBaud=1\n", {"-b", "3000000"}, {"--clean-rate-max", "2000000"}, 0,
+         "link: 2000000 bit/s, verified"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.settings);
+        LineBench line(true);
+        const std::string settings = c.settings + "[debug]\niDebugOp=n\n";
+        line.bench.WriteFile("settings_mac.ini", Bytes(settings.begin(), settings.end()));
+        ProcessResult r = line.Run(c.toolArgs, c.simArgs);
+        EXPECT_NE(std::string::npos, r.out.find("Upgrade OK!")) << r.out << r.err;
+        EXPECT_TRUE(line.Programmed());
+        EXPECT_EQ(c.reboots, CountFramesReceived(line.bench.Trace(), kSysReboot));
+        EXPECT_NE(std::string::npos, r.err.find(c.expectedErr)) << r.err;
+    }
 }
 
 // A port without modem lines: one warning on stderr, and the run is the run without
