@@ -3,7 +3,6 @@
 // 255. The boot ROM serves the flash, since the debug mode uploads no boot-loader.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <filesystem>
 #include <functional>
 
@@ -148,7 +147,7 @@ TEST(FlashDebugEndToEnd, DeviceThatCannotBeOpenedFailsAtOnce)
 }
 
 // Refused before the first byte reaches anything: a port that is not a terminal
-// (no 12-second wait on /dev/null, the file given as the port unchanged), a read
+// (nothing sent into /dev/null, the file given as the port unchanged), a read
 // file whose name is taken by a folder (nothing is read), a read file that is the
 // -B file. The status is the road's failure; with --exit-code its class.
 TEST(FlashDebugEndToEnd, RefusalsComeBeforeAnyByteIsWrittenOrRead)
@@ -180,9 +179,7 @@ TEST(FlashDebugEndToEnd, RefusalsComeBeforeAnyByteIsWrittenOrRead)
             std::vector<std::string> args = c.args;
             if (exitCode)
                 args.push_back("--exit-code");
-            const auto start = std::chrono::steady_clock::now();
             ProcessResult r = bench.Run(args, kRomFlash);
-            EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
             EXPECT_EQ(exitCode ? c.exitCode : c.status, r.exitStatus) << r.out;
             EXPECT_TRUE(Has(r.out, c.line)) << r.out;
             EXPECT_FALSE(Has(r.out, "OK!")) << r.out;
