@@ -103,8 +103,7 @@ TEST(FirstContactSettings, TheKeysOfTheSettingsFileTakeEffect)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.settings);
         LineBench line(true);
-        const std::string settings = c.settings + "[debug]\niDebugOp=n\n";
-        line.bench.WriteFile("settings_mac.ini", Bytes(settings.begin(), settings.end()));
+        WriteText(line.bench.Path("settings_mac.ini"), c.settings + "[debug]\niDebugOp=n\n");
         ProcessResult r = line.Run(c.toolArgs, c.simArgs);
         EXPECT_NE(std::string::npos, r.out.find("Upgrade OK!")) << r.out << r.err;
         EXPECT_TRUE(line.Programmed());
