@@ -6,8 +6,6 @@
 // works.
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 #include "tests/upgrade/upgrade_fixtures.h"
 
 namespace {
@@ -18,9 +16,8 @@ constexpr uint8_t kWriteSector = 0x1B;
 // Device paths and the fast link's own summary lines are all that may differ.
 std::string Comparable(const std::string& out)
 {
-    std::istringstream lines(WithoutDevicePaths(out));
     std::string kept;
-    for (std::string line; std::getline(lines, line);) {
+    for (const std::string& line : TextLines(WithoutDevicePaths(out))) {
         const bool summary = line.size() > 8 && line.compare(line.size() - 8, 8, " of line") == 0 &&
                              (line.rfind("main: ", 0) == 0 || line.rfind("ota: ", 0) == 0 ||
                               line.rfind("etf: ", 0) == 0);

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "tests/upgrade/upgrade_fixtures.h"
 
@@ -44,10 +43,9 @@ TEST(OutcomeCodes, EachFailureClassHasItsStatus)
 std::vector<nlohmann::json> ParseEvents(const std::string& out)
 {
     std::vector<nlohmann::json> events;
-    std::istringstream lines(out);
     std::string region;
     uint64_t last = 0;
-    for (std::string line; std::getline(lines, line);) {
+    for (const std::string& line : TextLines(out)) {
         nlohmann::json event = nlohmann::json::parse(line, nullptr, false);
         EXPECT_FALSE(event.is_discarded()) << line;
         if (event.is_discarded())

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <sstream>
 #include <string>
 
 #include "image/FwParser.h"
@@ -281,10 +280,7 @@ TEST_F(DriverCli, JsonReportGivesTheImagesAsData)
     ASSERT_TRUE(WriteFileBytes(dir.File("main.img"), BuildImage(spec)));
     ProcessResult r = Run({"--json", "-i", "main.img", "-I", "none.img", "-s"});
     EXPECT_EQ(3, r.exitStatus);  // --json implies --exit-code: an image failed
-    std::istringstream lines(r.out);
-    std::vector<std::string> got;
-    for (std::string line; std::getline(lines, line);)
-        got.push_back(line);
+    const std::vector<std::string> got = TextLines(r.out);
     ASSERT_EQ(3u, got.size()) << r.out;
     for (const char* part : {"\"event\":\"image\",\"path\":\"main.img\",\"role\":\"main\",\"sections\":[{\"ID\":7,"
                              "\"attribute\":0,\"data_checksum\":",

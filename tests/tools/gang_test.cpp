@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
-#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
@@ -181,7 +180,6 @@ TEST_F(Gang, ACtrlCAtTheTerminalStopsEveryBoardInsteadOfKillingIt)
 
 TEST_F(Gang, ASecondCtrlCEndsABoardThatDoesNotAnswerStop)
 {
-    const auto began = std::chrono::steady_clock::now();
     pid_t pid = StartInItsOwnGroup(Args({"/x/deaf1"}));
     ASSERT_TRUE(WaitForMarks({"started-deaf1"}));
     kill(-pid, SIGINT);
@@ -189,7 +187,6 @@ TEST_F(Gang, ASecondCtrlCEndsABoardThatDoesNotAnswerStop)
     kill(-pid, SIGINT);
     int status = 0;
     ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(10));
     nlohmann::json board = Report()["boards"][0];
     EXPECT_EQ(run_event::kExitStopped, board["exit_code"]);
     EXPECT_EQ("stopped: no answer to stop, ended by signal 15", board["message"]);

@@ -18,8 +18,7 @@ const uint8_t kOpGetFlashId = 0x18;
 std::vector<nlohmann::json> Events(const std::string& out, const std::string& event)
 {
     std::vector<nlohmann::json> events;
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);) {
+    for (const std::string& line : TextLines(out)) {
         nlohmann::json j = nlohmann::json::parse(line, nullptr, false);
         if (!j.is_discarded() && j.value("event", "") == event)
             events.push_back(j);
