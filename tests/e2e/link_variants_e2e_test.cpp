@@ -139,20 +139,19 @@ TEST(FastLink, ChangeCheckStopsAtTheFirstDifferenceAndErasedSectorsAreNotSent)
 TEST(FastLink, RatesAbove921600UpgradeWithReadBack)
 {
     const Bytes main = MakeImage(2, {90000}, 41, 0x8000, 0x1F8000);
-    struct Case {
+    const struct {
         const char* rate;
         bool throughSettings;
-    };
-    for (const Case& c : {Case{"1000000", false}, Case{"3000000", false}, Case{"1500000", true}}) {
+    } cases[] = {{"1000000", false}, {"3000000", false}, {"1500000", true}};
+    for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.rate) + (c.throughSettings ? " (bFastLink=1)" : " (--fast)"));
         UpgradeBench bench;
         bench.WriteFile("main.img", main);
         std::vector<std::string> args = {"-b", c.rate, "-i", "main.img", "-u", "0", "-r", "1"};
-        if (c.throughSettings) {
+        if (c.throughSettings)
             WriteText(bench.Path("settings_mac.ini"), "[setting]\nbFastLink=1\n[debug]\niDebugOp=n\n");
-        } else {
+        else
             args.insert(args.begin(), "--fast");
-        }
         ProcessResult r = bench.Run(args);
         EXPECT_NE(std::string::npos, r.out.find("100%: Upgrade OK!")) << r.out;
         EXPECT_NE(std::string::npos, r.out.find("main: 90064 bytes in ")) << r.out;

@@ -13,14 +13,13 @@ namespace {
 TEST(OutcomeCodes, EachFailureClassHasItsStatus)
 {
     const Bytes main = MakeImage(1, {20000}, 51);
-    struct Case {
+    const struct {
         const char* name;
         std::vector<std::string> simArgs;
         std::vector<std::string> extraArgs;
         std::string console;
         int status;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"success", {}, {}, "", 0},
         {"the target never answers", {"--fault", "GetFlashId:every:noreply"}, {}, "", 5},
         {"every erase refused", {"--fault", "EraseFlash:every:error2"}, {}, "", 6},
@@ -28,7 +27,7 @@ TEST(OutcomeCodes, EachFailureClassHasItsStatus)
         {"the adapter is pulled", {"--fault", "WriteSector:3:vanish"}, {}, "", 5},
         {"the operator types stop", {"--sync-fail", "2"}, {}, "stop\n", 8},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         UpgradeBench bench;
         bench.WriteFile("main.img", main);

@@ -42,12 +42,11 @@ TEST(LongOptions, HelpIsTheUsageFollowedByTheLongOptionsVersionIsOneLine)
 TEST(ExitCodes, OnlyWithTheOptionDoesTheStatusTellTheOutcome)
 {
     TempDir dir;
-    struct Case {
+    const struct {
         const char* name;
         std::vector<std::string> args;
         int classic, withCode;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"unknown option", {"-x"}, 0, 2},
         {"report on missing images", {"-i", "none.img", "-I", "none2.img", "-s"}, 0, 3},
         {"debug road, device missing", {"-D", "r", "-c", "/nonexistent/tty"}, 255, 4},
@@ -63,7 +62,7 @@ TEST(ExitCodes, OnlyWithTheOptionDoesTheStatusTellTheOutcome)
     spec.sections.resize(1);
     spec.sections[0].data.assign(1000, 0x5A);
     ASSERT_TRUE(WriteFileBytes(dir.File("main.img"), BuildImage(spec)));
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         std::vector<std::string> withCode = c.args;
         withCode.insert(withCode.begin(), "--exit-code");

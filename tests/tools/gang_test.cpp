@@ -115,13 +115,12 @@ TEST_F(Gang, EveryBoardHasItsRowAndTheStatusIsZeroOnlyWhenAllSucceeded)
     EXPECT_TRUE(Has(mixed.out, "/x/silent1: FAILED (exit 3)")) << mixed.out;
     nlohmann::json report = Report();
     ASSERT_FALSE(report.is_discarded());
-    struct Row {
+    const struct {
         const char* port;
         bool ok;
         int exitCode;
         const char* message;
-    };
-    const Row rows[] = {{"/x/ok1", true, 0, "Upgrade OK!"},
+    } rows[] = {{"/x/ok1", true, 0, "Upgrade OK!"},
                         {"/x/crash1", false, 128 + SIGSEGV, "crashed (signal 11)"},
                         {"/x/silent1", false, 3, "ended without a result line: lost the line"}};
     ASSERT_EQ(3u, report["boards"].size());

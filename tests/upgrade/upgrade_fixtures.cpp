@@ -29,8 +29,7 @@ UpgradeBench::UpgradeBench() : m_initialFlash(PatternBytes(kFlashSize, 99))
 {
     WriteFile("flash.bin", m_initialFlash);
     // Without a settings file the tool would take the flash debug read.
-    const std::string settings = "[debug]\niDebugOp=n\n";
-    WriteFile("settings_mac.ini", Bytes(settings.begin(), settings.end()));
+    WriteText(Path("settings_mac.ini"), "[debug]\niDebugOp=n\n");
 }
 
 ProcessResult UpgradeBench::Run(const std::vector<std::string>& toolArgs,
