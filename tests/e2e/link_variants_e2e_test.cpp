@@ -6,8 +6,6 @@
 // works.
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 #include "tests/upgrade/upgrade_fixtures.h"
 
 namespace {
@@ -18,9 +16,8 @@ constexpr uint8_t kWriteSector = 0x1B;
 // Device paths and the fast link's own summary lines are all that may differ.
 std::string Comparable(const std::string& out)
 {
-    std::istringstream lines(WithoutDevicePaths(out));
     std::string kept;
-    for (std::string line; std::getline(lines, line);) {
+    for (const std::string& line : TextLines(WithoutDevicePaths(out))) {
         const bool summary = line.size() > 8 && line.compare(line.size() - 8, 8, " of line") == 0 &&
                              (line.rfind("main: ", 0) == 0 || line.rfind("ota: ", 0) == 0 ||
                               line.rfind("etf: ", 0) == 0);
@@ -57,48 +54,41 @@ Outcome RunOnce(bool fastAndShaped, std::vector<std::string> args, const std::ve
     return outcome;
 }
 
-struct Variant {
-    const char* name;
-    std::vector<std::string> toolArgs, simArgs;
-    bool smallImage;  // the fallback runs at 115200 with one sector per command
-};
-
-void PrintTo(const Variant& v, std::ostream* os) { *os << v.name; }
-
-class LinkVariants : public testing::TestWithParam<Variant> {};
-
-TEST_P(LinkVariants, FastLinkOverAnAdapterEndsWithTheClassicLinksTextStatusAndFlash)
-{
-    const Variant& c = GetParam();
-    const Bytes image = c.smallImage ? MakeImage(1, {3000}, 23) : MakeImage(2, {20000, 3000}, 21, 0x8000, 0x1F8000);
-    Outcome classic = RunOnce(false, c.toolArgs, c.simArgs, image);
-    Outcome fast = RunOnce(true, c.toolArgs, c.simArgs, image);
-    EXPECT_EQ(classic.result.exitStatus, fast.result.exitStatus);
-    EXPECT_EQ(classic.result.out, fast.result.out);
-    EXPECT_EQ(-1, FirstDifference(classic.flash, fast.flash));
-    // Without faults the runs must have done their work, not failed alike.
-    if (c.simArgs.empty() || c.simArgs[0] != "--fault") {
-        EXPECT_EQ(std::string::npos, fast.result.out.find("rror")) << fast.result.out;
-        EXPECT_EQ(std::string::npos, fast.result.out.find("failed")) << fast.result.out;
-    }
-}
-
 // Faults count commands; the fast link sends fewer reads (the change check stops
 // early), so faults here name commands both links send alike.
-const std::vector<std::string> kRomFlash = {"--rom-flash", "yes"};
-INSTANTIATE_TEST_SUITE_P(
-    Runs, LinkVariants,
-    testing::Values(
-        Variant{"UploadMainOtaEtfReadBack", {"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "0", "-r", "1"}, {}, false},
-        Variant{"ChangeCheckOnOldFlash", {"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "1"}, {}, false},
-        Variant{"ErrorReplyRetried", {"-i", "main.img", "-u", "0", "-r", "1"}, {"--fault", "WriteSector:7:error2"}, false},
-        Variant{"LostReplyRetried", {"-i", "main.img", "-u", "1"}, {"--fault", "EraseFlash:2:noreply"}, false},
-        Variant{"FallBackTo115200", {"-i", "main.img", "-u", "0"}, {"--fault", "EraseFlash:every:error2@921600"}, true},
-        Variant{"ReadBackAlwaysDiffers", {"-i", "main.img", "-u", "0", "-r", "1"}, {"--fault", "ReadSector:1+:bitflip"}, true},
-        Variant{"DebugRead", {"-D", "r", "-A", "0x30200", "-L", "0x8345"}, kRomFlash, true},
-        Variant{"DebugWrite", {"-D", "w", "-A", "0x20000", "-L", "0x8345", "-B", "data.bin"}, kRomFlash, true},
-        Variant{"DebugErase", {"-D", "e", "-A", "0x10080", "-L", "0x20000"}, kRomFlash, true}),
-    [](const testing::TestParamInfo<Variant>& info) { return std::string(info.param.name); });
+TEST(LinkVariants, FastLinkOverAnAdapterEndsWithTheClassicLinksTextStatusAndFlash)
+{
+    const std::vector<std::string> romFlash = {"--rom-flash", "yes"};
+    const struct {
+        std::vector<std::string> toolArgs, simArgs;
+        bool smallImage;  // the fallback runs at 115200 with one sector per command
+    } cases[] = {
+        {{"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "0", "-r", "1"}, {}, false},
+        {{"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "1"}, {}, false},  // change check on old flash
+        {{"-i", "main.img", "-u", "0", "-r", "1"}, {"--fault", "WriteSector:7:error2"}, false},
+        {{"-i", "main.img", "-u", "1"}, {"--fault", "EraseFlash:2:noreply"}, false},
+        {{"-i", "main.img", "-u", "0"}, {"--fault", "EraseFlash:every:error2@921600"}, true},  // falls back
+        {{"-i", "main.img", "-u", "0", "-r", "1"}, {"--fault", "ReadSector:1+:bitflip"}, true},
+        {{"-D", "r", "-A", "0x30200", "-L", "0x8345"}, romFlash, true},
+        {{"-D", "w", "-A", "0x20000", "-L", "0x8345", "-B", "data.bin"}, romFlash, true},
+        {{"-D", "e", "-A", "0x10080", "-L", "0x20000"}, romFlash, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.toolArgs.back() + (c.simArgs.empty() ? "" : " " + c.simArgs[1]));
+        const Bytes image =
+            c.smallImage ? MakeImage(1, {3000}, 23) : MakeImage(2, {20000, 3000}, 21, 0x8000, 0x1F8000);
+        Outcome classic = RunOnce(false, c.toolArgs, c.simArgs, image);
+        Outcome fast = RunOnce(true, c.toolArgs, c.simArgs, image);
+        EXPECT_EQ(classic.result.exitStatus, fast.result.exitStatus);
+        EXPECT_EQ(classic.result.out, fast.result.out);
+        EXPECT_EQ(-1, FirstDifference(classic.flash, fast.flash));
+        // Without faults the runs must have done their work, not failed alike.
+        if (c.simArgs.empty() || c.simArgs[0] != "--fault") {
+            EXPECT_FALSE(Has(fast.result.out, "rror")) << fast.result.out;
+            EXPECT_FALSE(Has(fast.result.out, "failed")) << fast.result.out;
+        }
+    }
+}
 
 // A two-block image whose second block has 16 erased sectors, then the same image
 // changed in the last chunk of block 1 and the first chunk of block 2.
@@ -115,7 +105,7 @@ TEST(FastLink, ChangeCheckStopsAtTheFirstDifferenceAndErasedSectorsAreNotSent)
     UpgradeBench bench;
     bench.WriteFile("main.img", image);
     ProcessResult first = bench.Run({"--fast", "-i", "main.img", "-u", "1"});
-    ASSERT_NE(std::string::npos, first.out.find("Upgrade OK!")) << first.out;
+    ASSERT_TRUE(Has(first.out, "Upgrade OK!")) << first.out;
     Bytes expected = bench.InitialFlash();
     ModelBlockWrite(expected, 0, image);
     EXPECT_EQ(-1, FirstDifference(expected, bench.Flash()));
@@ -135,7 +125,7 @@ TEST(FastLink, ChangeCheckStopsAtTheFirstDifferenceAndErasedSectorsAreNotSent)
     const Bytes changed = BuildImage(spec);
     bench.WriteFile("main.img", changed);
     ProcessResult second = bench.Run({"--fast", "-i", "main.img", "-u", "1"});
-    ASSERT_NE(std::string::npos, second.out.find("Upgrade OK!")) << second.out;
+    ASSERT_TRUE(Has(second.out, "Upgrade OK!")) << second.out;
     const std::string trace2 = bench.Trace();
     // Block 1 is read to its last chunk (32 commands), block 2 only its first.
     EXPECT_EQ(33u, CountFramesReceived(trace2, kReadSector));
@@ -149,21 +139,19 @@ TEST(FastLink, ChangeCheckStopsAtTheFirstDifferenceAndErasedSectorsAreNotSent)
 TEST(FastLink, RatesAbove921600UpgradeWithReadBack)
 {
     const Bytes main = MakeImage(2, {90000}, 41, 0x8000, 0x1F8000);
-    struct Case {
+    const struct {
         const char* rate;
         bool throughSettings;
-    };
-    for (const Case& c : {Case{"1000000", false}, Case{"3000000", false}, Case{"1500000", true}}) {
+    } cases[] = {{"1000000", false}, {"3000000", false}, {"1500000", true}};
+    for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.rate) + (c.throughSettings ? " (bFastLink=1)" : " (--fast)"));
         UpgradeBench bench;
         bench.WriteFile("main.img", main);
         std::vector<std::string> args = {"-b", c.rate, "-i", "main.img", "-u", "0", "-r", "1"};
-        if (c.throughSettings) {
-            const std::string settings = "[setting]\nbFastLink=1\n[debug]\niDebugOp=n\n";
-            bench.WriteFile("settings_mac.ini", Bytes(settings.begin(), settings.end()));
-        } else {
+        if (c.throughSettings)
+            WriteText(bench.Path("settings_mac.ini"), "[setting]\nbFastLink=1\n[debug]\niDebugOp=n\n");
+        else
             args.insert(args.begin(), "--fast");
-        }
         ProcessResult r = bench.Run(args);
         EXPECT_NE(std::string::npos, r.out.find("100%: Upgrade OK!")) << r.out;
         EXPECT_NE(std::string::npos, r.out.find("main: 90064 bytes in ")) << r.out;

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "tests/upgrade/upgrade_fixtures.h"
 
@@ -14,14 +13,13 @@ namespace {
 TEST(OutcomeCodes, EachFailureClassHasItsStatus)
 {
     const Bytes main = MakeImage(1, {20000}, 51);
-    struct Case {
+    const struct {
         const char* name;
         std::vector<std::string> simArgs;
         std::vector<std::string> extraArgs;
         std::string console;
         int status;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"success", {}, {}, "", 0},
         {"the target never answers", {"--fault", "GetFlashId:every:noreply"}, {}, "", 5},
         {"every erase refused", {"--fault", "EraseFlash:every:error2"}, {}, "", 6},
@@ -29,7 +27,7 @@ TEST(OutcomeCodes, EachFailureClassHasItsStatus)
         {"the adapter is pulled", {"--fault", "WriteSector:3:vanish"}, {}, "", 5},
         {"the operator types stop", {"--sync-fail", "2"}, {}, "stop\n", 8},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         UpgradeBench bench;
         bench.WriteFile("main.img", main);
@@ -44,10 +42,9 @@ TEST(OutcomeCodes, EachFailureClassHasItsStatus)
 std::vector<nlohmann::json> ParseEvents(const std::string& out)
 {
     std::vector<nlohmann::json> events;
-    std::istringstream lines(out);
     std::string region;
     uint64_t last = 0;
-    for (std::string line; std::getline(lines, line);) {
+    for (const std::string& line : TextLines(out)) {
         nlohmann::json event = nlohmann::json::parse(line, nullptr, false);
         EXPECT_FALSE(event.is_discarded()) << line;
         if (event.is_discarded())

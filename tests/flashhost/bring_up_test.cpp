@@ -31,14 +31,13 @@ ksim::TargetConfig Target(unsigned char responder, bool romServesFlash, uint32_t
 
 TEST(BringUp, TakesTheRoadTheFlagAndResponderChooseThenServesTheFlash)
 {
-    struct RoadCase {
+    const struct {
         const char* name;
         int useBrom;
         ksim::TargetConfig target;
         unsigned int baud;
         std::vector<Step> steps;
-    };
-    const RoadCase cases[] = {
+    } cases[] = {
         {"upload at 921600", 1, Target(1, false), 921600,
          {kFlashId, {0x10, 0x030E1000}, kUpload, kStart, {0x10, 0x030E1000}}},
         {"upload capped, then 3000000", 1, Target(1, false), 3000000,
@@ -46,17 +45,13 @@ TEST(BringUp, TakesTheRoadTheFlagAndResponderChooseThenServesTheFlash)
         {"upload at 115200", 1, Target(1, false), 115200,
          {kFlashId, {0x10, 0x0301C200}, kUpload, kStart, {0x10, 0x0301C200}}},
         {"upload forbidden", 0, Target(1, true), 921600, {kFlashId, {0x10, 0x030E1000}}},
-        {"responder serves the flash", 1, Target(2, true), 921600,
-         {kFlashId, {0x10, 0x030E1000}}},
-        {"sync answered on the second try", 1, Target(2, true, 1), 921600,
-         {kFlashId, {0x10, 0x030E1000}}},
-        {"flash id longer than its field", 1, Target(2, true, 0, 200), 921600,
-         {kFlashId, {0x10, 0x030E1000}}},
-        {"responder 7, upload forbidden", 0, Target(7, true), 230400,
-         {kFlashId, {0x10, 0x03038400}}},
+        {"responder serves the flash", 1, Target(2, true), 921600, {kFlashId, {0x10, 0x030E1000}}},
+        {"sync answered on the second try", 1, Target(2, true, 1), 921600, {kFlashId, {0x10, 0x030E1000}}},
+        {"flash id longer than its field", 1, Target(2, true, 0, 200), 921600, {kFlashId, {0x10, 0x030E1000}}},
+        {"responder 7, upload forbidden", 0, Target(7, true), 230400, {kFlashId, {0x10, 0x03038400}}},
     };
     const Bytes pattern = PatternBytes(0x1000, 7);
-    for (const RoadCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         HostAndLink side(c.target, c.useBrom);
         side.link.Preload(0, pattern);
@@ -83,14 +78,13 @@ TEST(BringUp, TakesTheRoadTheFlagAndResponderChooseThenServesTheFlash)
 
 TEST(BringUpFailures, EachFailureLeavesItsTextAndClosesThePort)
 {
-    struct FailureCase {
+    const struct {
         const char* name;
         int useBrom;
         std::vector<std::string> faults;
         unsigned int hangUpAtSync;
         std::string text;
-    };
-    const FailureCase cases[] = {
+    } cases[] = {
         {"line dead at the first sync", 0, {}, 1, "Synchron1 error!"},
         {"flash id refused", 0, {"GetFlashId:1:error1"}, 0, "Get Flash ID error!"},
         {"device vanishes", 1, {"GetFlashId:1:vanish"}, 0, "Get Flash ID error!"},
@@ -100,7 +94,7 @@ TEST(BringUpFailures, EachFailureLeavesItsTextAndClosesThePort)
         {"speed change refused", 0, {"ChangeBaud:1:error1"}, 0, "Unknown CMD!"},
         {"boot-loader silent", 1, {}, 3, "Synchron error!"},
     };
-    for (const FailureCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         TempDir dir;
         UseLog(dir, 1);
@@ -204,15 +198,14 @@ TEST(BringUpTexts, WhatThePortFoundIsPrintedByTheHost)
 // The identifier read at the connection, and the capacity its last byte gives.
 TEST(BringUp, TheFlashIdentifierGivesTheCapacity)
 {
-    struct IdCase {
+    const struct {
         Bytes id;
         uint64_t capacity;
-    };
-    const IdCase cases[] = {
+    } cases[] = {
         {{0xC8, 0x40, 0x16}, 4u << 20}, {{0xEF, 0x40, 0x10}, 65536},  {{0xEF, 0x40, 0x1C}, 1u << 28},
         {{0xEF, 0x40, 0x0F}, 0},        {{0xEF, 0x40, 0x1D}, 0},      {{0xFF, 0xFF, 0xFF}, 0},
     };
-    for (const IdCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(ToHex(c.id));
         EXPECT_EQ(c.capacity, flash_geometry::FlashCapacityFromId(c.id.data(), c.id.size()));
         ksim::TargetConfig config = RomServesFlash();

@@ -30,8 +30,7 @@ TEST_F(HostOnSim, WorkedExamplesGoOutByteForByte)
         {"Write_2_byte", write(&CFlashHost::Write_2_byte), "00 00 00 07 03 00 02 00 00 78 56"},
         {"Write_4_byte", write(&CFlashHost::Write_4_byte), "00 00 00 09 05 00 02 00 00 78 56 34 12"},
         {"Write_8_byte", write(&CFlashHost::Write_8_byte), "00 00 00 0D 07 00 02 00 00 78 56 34 12 A1 B2 C3 D4"},
-        {"GetFlashId", [](CFlashHost& h) { return h.GetFlashId(); },
-         "42 52 4F 4D 04 00 60 51 00 00 00 01 18"},
+        {"GetFlashId", [](CFlashHost& h) { return h.GetFlashId(); }, "42 52 4F 4D 04 00 60 51 00 00 00 01 18"},
         {"ChangeBaud", [](CFlashHost& h) { return h.ChangeBaud(0x030E1000); },
          "42 52 4F 4D 04 00 52 42 00 00 00 05 10 03 0E 10 00"},
         {"SetPC", [](CFlashHost& h) { return h.SetPC(0x00010101); },
@@ -43,8 +42,7 @@ TEST_F(HostOnSim, WorkedExamplesGoOutByteForByte)
         {"WriteSector", [](CFlashHost& h) { return h.WriteSector(0x80, erased, 1); },
          "42 52 4F 4D 04 00 E0 44 00 00 00 0B 1B 00 00 00 80 00 00 00 01 00 FF"},
         // Last: the target restarts at 115200.
-        {"SysReboot", [](CFlashHost& h) { return h.SysReboot(); },
-         "42 52 4F 4D 04 00 60 57 00 00 00 01 12"},
+        {"SysReboot", [](CFlashHost& h) { return h.SysReboot(); }, "42 52 4F 4D 04 00 60 57 00 00 00 01 12"},
     };
     for (const FrameCase& c : cases) {
         SCOPED_TRACE(c.name);

@@ -9,14 +9,13 @@ namespace {
 // a rest is rounded up to whole sectors in one more command.
 TEST_F(HostOnSim, ReadFlashLengthSplitsTheRangeIntoSectorCommands)
 {
-    struct ReadCase {
+    const struct {
         const char* name;
         unsigned int baud;
         uint32_t address, length;
         size_t commands;
         uint32_t firstSector, perCommand, lastCount;  // perCommand: all but the last
-    };
-    const ReadCase cases[] = {
+    } cases[] = {
         {"64 KiB fast", 921600, 0x10000, 65536, 32, 0x80, 4, 4},
         {"8 KiB slow", 115200, 0x10000, 8192, 16, 0x80, 1, 1},
         {"3000 bytes fast", 921600, 0x8000, 3000, 2, 0x40, 4, 2},
@@ -29,7 +28,7 @@ TEST_F(HostOnSim, ReadFlashLengthSplitsTheRangeIntoSectorCommands)
     for (size_t i = 0; i < pattern.size(); ++i)
         pattern[i] = static_cast<unsigned char>(i * 7 + (i >> 9));
     link.Preload(0, pattern);
-    for (const ReadCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         Connect(c.baud);
         std::vector<unsigned char> buffer(65536 + 512, 0xEE);
@@ -88,18 +87,17 @@ TEST_F(HostOnSim, WriteFlashLengthSendsEachChunkAfterItsCommand)
 TEST_F(HostOnSim, EraseFlashLengthErasesEveryBlockTheRangeMeetsAndDoesNotWrap)
 {
     Connect();
-    struct EraseCase {
+    const struct {
         uint32_t address, length;
         std::vector<uint32_t> blocks;
-    };
-    const EraseCase cases[] = {
+    } cases[] = {
         {0x12345, 0x20000, {0x10000, 0x20000, 0x30000}},
         {0x10000, 0x10000, {0x10000}},
         {0x10080, 0x100, {0x10000}},
         {0x1FFFF, 2, {0x10000, 0x20000}},
         {0xFFFF8000, 0x18000, {0xFFFF0000}},
     };
-    for (const EraseCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.address);
         link.ClearRecord();
         if (c.address >= SimLink::kFlashSize)

@@ -73,10 +73,8 @@ TEST_F(HostOnSim, RefusedBulkCommandSendsNoData)
 {
     Bytes data(2048, 0x55);
     const std::pair<const char*, std::function<int(CFlashHost&)>> cases[] = {
-        {"outside SRAM",
-         [&](CFlashHost& h) { return h.WriteMemoryLen(0x20000000, data.data(), 600); }},
-        {"beyond the flash",
-         [&](CFlashHost& h) { return h.WriteFlashLength(SimLink::kFlashSize, data.data(), 2048); }},
+        {"outside SRAM", [&](CFlashHost& h) { return h.WriteMemoryLen(0x20000000, data.data(), 600); }},
+        {"beyond the flash", [&](CFlashHost& h) { return h.WriteFlashLength(SimLink::kFlashSize, data.data(), 2048); }},
     };
     Connect();
     for (const auto& c : cases) {

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <sstream>
 #include <string>
 
 #include "image/FwParser.h"
@@ -82,7 +81,7 @@ TEST_F(DriverCli, NoArgumentsShowsUsageThenTakesTheSettingsRoad)
                        "--------------SETTING--------------\nCOM:/nonexistent/tty\nBaud:921600\n"
                        "Log path:./log/log.txt\nLog level:0\n\nFlash debug mode:\n";
     EXPECT_EQ(head, r.out.substr(0, head.size()));
-    EXPECT_EQ(std::string::npos, r.out.find("Image path:"));
+    EXPECT_FALSE(Has(r.out, "Image path:"));
     EXPECT_EQ(255, r.exitStatus);
 }
 
@@ -106,14 +105,13 @@ TEST_F(DriverCli, CombineWritesBothImagesBackToBack)
     WriteImage("etf.img", 67, 9);
     ProcessResult r = Run({"-D", "n", "-g", "1", "-i", "main.img", "-I", "etf.img", "-G", "out.cimg"});
     EXPECT_EQ(0, r.exitStatus);
-    EXPECT_NE(std::string::npos,
-              r.out.find("Combine image path:out.cimg\nCreate combine image file: out.cimg SUCCESS!\n"));
+    EXPECT_TRUE(Has(r.out, "Combine image path:out.cimg\nCreate combine image file: out.cimg SUCCESS!\n"));
     std::vector<unsigned char> both = ReadFileBytes(dir.File("main.img")), etf = ReadFileBytes(dir.File("etf.img"));
     both.insert(both.end(), etf.begin(), etf.end());
     EXPECT_EQ(both, ReadFileBytes(dir.File("out.cimg")));
 
     r = Run({"-D", "n", "-g", "1", "-i", "main.img", "-I", "none.img", "-G", "out.cimg"});
-    EXPECT_NE(std::string::npos, r.out.find("Failed to open ETF image file: none.img\n"));
+    EXPECT_TRUE(Has(r.out, "Failed to open ETF image file: none.img\n"));
     EXPECT_EQ(255, r.exitStatus);
 }
 
@@ -130,8 +128,8 @@ TEST_F(DriverCli, CombineThatCannotWriteLeavesNoPartialImage)
         WriteImage("etf.img", 67, 9);
         r = Run({"-D", "n", "-g", "1", "-i", "main.img", "-I", "etf.img", "-G", "/dev/full"});
         EXPECT_EQ(255, r.exitStatus);
-        EXPECT_NE(std::string::npos, r.out.find("Failed to write combine image file: /dev/full\n")) << r.out;
-        EXPECT_EQ(std::string::npos, r.out.find("SUCCESS")) << r.out;
+        EXPECT_TRUE(Has(r.out, "Failed to write combine image file: /dev/full\n")) << r.out;
+        EXPECT_FALSE(Has(r.out, "SUCCESS")) << r.out;
     }
     WriteImage("main.img", 5000, 3);
     struct stat info;
@@ -144,7 +142,7 @@ TEST_F(DriverCli, CombineThatCannotWriteLeavesNoPartialImage)
                                "-D", "n", "-g", "1", "-i", "main.img", "-I", "etf.img", "-G", "out.cimg"},
                    {dir.Path()});
     EXPECT_EQ(255, r.exitStatus);
-    EXPECT_NE(std::string::npos, r.out.find("Failed to write combine image file: out.cimg\n")) << r.out;
+    EXPECT_TRUE(Has(r.out, "Failed to write combine image file: out.cimg\n")) << r.out;
     EXPECT_NE(0, access(dir.File("out.cimg").c_str(), F_OK));
 }
 
@@ -258,9 +256,9 @@ TEST_F(DriverCli, CombineRefusesWhatWouldLoseAnInput)
                 args.push_back("--exit-code");
             ProcessResult r = Run(args);
             SCOPED_TRACE(c.line);
-            EXPECT_NE(std::string::npos, r.out.find(c.line)) << r.out;
+            EXPECT_TRUE(Has(r.out, c.line)) << r.out;
             EXPECT_EQ(exitCode ? c.exitCode : 255, r.exitStatus);
-            EXPECT_EQ(std::string::npos, r.out.find("SUCCESS"));
+            EXPECT_FALSE(Has(r.out, "SUCCESS"));
             EXPECT_EQ(mainBefore, ReadFileBytes(dir.File("main.img")));
             EXPECT_EQ(etfBefore, ReadFileBytes(dir.File("etf.img")));
             EXPECT_NE(0, access(dir.File("out.cimg").c_str(), F_OK));
@@ -282,19 +280,14 @@ TEST_F(DriverCli, JsonReportGivesTheImagesAsData)
     ASSERT_TRUE(WriteFileBytes(dir.File("main.img"), BuildImage(spec)));
     ProcessResult r = Run({"--json", "-i", "main.img", "-I", "none.img", "-s"});
     EXPECT_EQ(3, r.exitStatus);  // --json implies --exit-code: an image failed
-    std::istringstream lines(r.out);
-    std::vector<std::string> got;
-    for (std::string line; std::getline(lines, line);)
-        got.push_back(line);
+    const std::vector<std::string> got = TextLines(r.out);
     ASSERT_EQ(3u, got.size()) << r.out;
-    EXPECT_NE(std::string::npos, got[0].find("\"event\":\"image\",\"path\":\"main.img\",\"role\":\"main\","
-                                             "\"sections\":[{\"ID\":7,\"attribute\":0,\"data_checksum\":"))
-        << got[0];
-    EXPECT_NE(std::string::npos, got[0].find("\"data_size\":100,\"next_section\":164,")) << got[0];
-    EXPECT_NE(std::string::npos, got[0].find("\"next_section\":4294967295,")) << got[0];
-    EXPECT_NE(std::string::npos, got[0].find("\"valid\":true")) << got[0];
+    for (const char* part : {"\"event\":\"image\",\"path\":\"main.img\",\"role\":\"main\",\"sections\":[{\"ID\":7,"
+                             "\"attribute\":0,\"data_checksum\":",
+                             "\"data_size\":100,\"next_section\":164,", "\"next_section\":4294967295,", "\"valid\":true"})
+        EXPECT_TRUE(Has(got[0], part)) << got[0];
     EXPECT_EQ("{\"error\":\"Open image file failed\",\"event\":\"image\",\"path\":\"none.img\",\"role\":\"etf\","
               "\"sections\":[],\"valid\":false}",
               got[1]);
-    EXPECT_NE(std::string::npos, got[2].find("\"event\":\"result\"")) << got[2];
+    EXPECT_TRUE(Has(got[2], "\"event\":\"result\"")) << got[2];
 }

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "frontend/run_sinks.h"
 #include "tests/support/process.h"
@@ -17,15 +16,6 @@ ProcessResult RunTool(const TempDir& dir, const std::vector<std::string>& args)
     return RunProcess(ToolPath(), args, {dir.Path()});
 }
 
-std::vector<std::string> Lines(const std::string& text)
-{
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
-}
-
 TEST(LongOptions, HelpIsTheUsageFollowedByTheLongOptionsVersionIsOneLine)
 {
     TempDir dir;
@@ -33,7 +23,7 @@ TEST(LongOptions, HelpIsTheUsageFollowedByTheLongOptionsVersionIsOneLine)
     ProcessResult help = RunTool(dir, {"--help"});
     EXPECT_EQ(0, help.exitStatus);
     ASSERT_EQ(0u, help.out.find(usage.out)) << "the usage text comes first, unchanged";
-    std::vector<std::string> extra = Lines(help.out.substr(usage.out.size()));
+    std::vector<std::string> extra = TextLines(help.out.substr(usage.out.size()));
     ASSERT_FALSE(extra.empty());
     EXPECT_EQ("Long options:", extra[0]);
     for (const char* option : {"--help", "--version", "--fast", "--exit-code", "--json", "--verify", "--erase-all",
@@ -45,19 +35,18 @@ TEST(LongOptions, HelpIsTheUsageFollowedByTheLongOptionsVersionIsOneLine)
     }
     ProcessResult version = RunTool(dir, {"--version"});
     EXPECT_EQ(0, version.exitStatus);
-    EXPECT_EQ(1u, Lines(version.out).size());
+    EXPECT_EQ(1u, TextLines(version.out).size());
     EXPECT_EQ(0u, version.out.find("kestrelQT_u 1.")) << version.out;
 }
 
 TEST(ExitCodes, OnlyWithTheOptionDoesTheStatusTellTheOutcome)
 {
     TempDir dir;
-    struct Case {
+    const struct {
         const char* name;
         std::vector<std::string> args;
         int classic, withCode;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"unknown option", {"-x"}, 0, 2},
         {"report on missing images", {"-i", "none.img", "-I", "none2.img", "-s"}, 0, 3},
         {"debug road, device missing", {"-D", "r", "-c", "/nonexistent/tty"}, 255, 4},
@@ -73,7 +62,7 @@ TEST(ExitCodes, OnlyWithTheOptionDoesTheStatusTellTheOutcome)
     spec.sections.resize(1);
     spec.sections[0].data.assign(1000, 0x5A);
     ASSERT_TRUE(WriteFileBytes(dir.File("main.img"), BuildImage(spec)));
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         std::vector<std::string> withCode = c.args;
         withCode.insert(withCode.begin(), "--exit-code");
@@ -88,7 +77,7 @@ TEST(JsonLines, StdoutIsOnlyJsonEndingInOneResultWhateverThePathHolds)
     const std::string oddPath = std::string("/nonexistent/q\"uote\\back\ttab\x01") + "\xff.tty";
     ProcessResult r = RunTool(dir, {"--json", "-D", "r", "-c", oddPath});
     EXPECT_EQ(4, r.exitStatus);
-    std::vector<std::string> lines = Lines(r.out);
+    std::vector<std::string> lines = TextLines(r.out);
     ASSERT_FALSE(lines.empty());
     for (size_t i = 0; i < lines.size(); ++i) {
         nlohmann::json event = nlohmann::json::parse(lines[i], nullptr, false);

@@ -8,6 +8,7 @@
 
 #include "frontend/adapter_info.h"
 #include "frontend/port_list.h"
+#include "tests/support/fake_sysfs.h"
 #include "tests/support/process.h"
 
 namespace {
@@ -23,21 +24,9 @@ TEST(PortList, UsbIdsSerialDriverAndByIdNameComeFromSysfs)
 {
     TempDir dir;
     const std::string sys = dir.File("sys"), dev = dir.File("dev");
-    const std::string usb = sys + "/devices/pci0000:00/usb1/1-2";
-    const std::string port = usb + "/1-2:1.0/ttyUSB0";
-    MakeFolders(port);
-    MakeFolders(sys + "/bus/usb-serial/drivers/ftdi_sio");
-    MakeFolders(sys + "/class/tty");
-    MakeFolders(dev + "/serial/by-id");
-    WriteText(usb + "/idVendor", "0403\n");
-    WriteText(usb + "/idProduct", "6001\n");
-    WriteText(usb + "/serial", "A10K3XYZ\n");
-    ASSERT_EQ(0, symlink("../../../../../bus/usb-serial/drivers/ftdi_sio", (port + "/driver").c_str()));
-    MakeFolders(sys + "/class/tty/ttyUSB0");
-    ASSERT_EQ(0, symlink(port.c_str(), (sys + "/class/tty/ttyUSB0/device").c_str()));
-    for (const char* name : {"ttyUSB0", "ttyACM0", "ttyS0", "console"})
+    ASSERT_TRUE(MakeFakeAdapter(dir.Path(), "/dev/null"));
+    for (const char* name : {"ttyACM0", "ttyS0", "console"})
         WriteText(dev + "/" + name, "");
-    ASSERT_EQ(0, symlink("../../ttyUSB0", (dev + "/serial/by-id/usb-FTDI_A10K3XYZ-if00-port0").c_str()));
 
     const std::vector<SerialPortInfo> ports = ListSerialPorts(sys, dev);
     ASSERT_EQ(2u, ports.size()) << "ttyS0 and console are not USB serial ports";
@@ -47,9 +36,9 @@ TEST(PortList, UsbIdsSerialDriverAndByIdNameComeFromSysfs)
     EXPECT_EQ(dev + "/ttyUSB0", ports[1].path);
     EXPECT_EQ("0403", ports[1].vendor);
     EXPECT_EQ("6001", ports[1].product);
-    EXPECT_EQ("A10K3XYZ", ports[1].serial);
+    EXPECT_EQ("KS000001", ports[1].serial);
     EXPECT_EQ("ftdi_sio", ports[1].driver);
-    EXPECT_EQ(dev + "/serial/by-id/usb-FTDI_A10K3XYZ-if00-port0", ports[1].byId);
+    EXPECT_EQ(dev + "/serial/by-id/usb-FTDI_FT232R_USB_UART_KS000001-if00-port0", ports[1].byId);
 }
 
 // The tool looks at the real /sys and /dev (whatever ports this machine has): the

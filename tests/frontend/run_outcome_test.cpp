@@ -8,12 +8,11 @@ namespace {
 
 TEST(RunOutcome, EachFailureKindGivesItsStatusAndMessage)
 {
-    struct Case {
+    const struct {
         FailureKind kind;
         int code;
         const char* message;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {FailureKind::kNone, 1, "failed"},  // failed without a class: still a failure
         {FailureKind::kOther, 1, "failed"},
         {FailureKind::kUsage, 2, "usage error"},
@@ -25,7 +24,7 @@ TEST(RunOutcome, EachFailureKindGivesItsStatusAndMessage)
         {FailureKind::kStopped, 8, "stopped by the user"},
         {FailureKind::kLocalFile, 9, "local file error"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.message);
         for (int classic : {0, -1}) {
             const RunResult plain = ConcludeRun(classic, false, c.kind, false, "Upgrade OK!", "");

@@ -116,12 +116,11 @@ TEST(ApplyOptions, OutcomesAndStopRules)
         EXPECT_EQ("Error operation:" + word + "\n", testing::internal::GetCapturedStdout());
         EXPECT_EQ(0u, g_Setting.iDebugOp);
     }
-    struct Case {
+    const struct {
         std::vector<std::string> words;
         OptionOutcome outcome;
         const char* imagePath;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {{"-h"}, OptionOutcome::kShowUsage, "tq-system.img"},
         {{"-v", "-i", "x.img"}, OptionOutcome::kShowUsage, "tq-system.img"},
         {{"-?"}, OptionOutcome::kShowUsage, "tq-system.img"},
@@ -130,7 +129,7 @@ TEST(ApplyOptions, OutcomesAndStopRules)
         {{"-s", "-i", "other.img"}, OptionOutcome::kShowInfo, "tq-system.img"},
         {{"-i", "other.img", "-s"}, OptionOutcome::kShowInfo, "other.img"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         EXPECT_EQ(c.outcome, Apply(c.words)) << c.words[0];
         EXPECT_STREQ(c.imagePath, g_Setting.strImagePath) << c.words[0];
     }

@@ -33,15 +33,14 @@ int OpenOn(CCommU& port, MemoryPort& memory, unsigned int baud = 921600)
 
 TEST(SerialWritePath, PartialWritesAndTransientErrorsAreFinishedHardErrorsAreNot)
 {
-    struct Case {
+    const struct {
         const char* name;
         size_t maxWrite;
         std::vector<int> errors;
         bool neverWritable;
         int expected;  // -2: the whole length
         bool lineLost;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"taken at once", static_cast<size_t>(-1), {}, false, -2, false},
         {"taken 1000 bytes at a time", 1000, {}, false, -2, false},
         {"FIFO full twice, then room", 4096, {0, EAGAIN, EAGAIN}, false, -2, false},
@@ -52,7 +51,7 @@ TEST(SerialWritePath, PartialWritesAndTransientErrorsAreFinishedHardErrorsAreNot
                                     EAGAIN, EAGAIN, EAGAIN, EAGAIN, EAGAIN, EAGAIN, EAGAIN},
          true, 0, false},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         MemoryPort memory;
         memory.maxWrite = c.maxWrite;

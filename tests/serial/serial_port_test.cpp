@@ -148,19 +148,18 @@ TEST_F(SerialPortTest, ClosedPortNeitherWritesNorReads)
 // completed times out and empties the queues; 8197 bytes is beyond the cap.
 TEST_F(SerialPortTest, ReadMsgTakesExactlyTheRequestedBytesOrTimesOut)
 {
-    struct ReadCase {
+    const struct {
         const char* name;
         size_t sent;
         std::vector<unsigned int> reads;
         unsigned int lastResult;
-    };
-    const ReadCase cases[] = {
+    } cases[] = {
         {"zero bytes, then two", 2, {0, 2}, 0},
         {"twelve, then two", 14, {12, 2}, 0},
         {"ten of three", 3, {10}, kTimedOut},
         {"beyond the cap", 8197, {8197}, kTimedOut},
     };
-    for (const ReadCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         CCommU port;
         ASSERT_EQ(0, Open(port, 921600));

@@ -72,6 +72,8 @@ private:
 std::vector<unsigned char> ReadFileBytes(const std::string& path);
 std::string ReadText(const std::string& path);
 void WriteText(const std::string& path, const std::string& text);
+// The lines of a text, without their line feeds.
+std::vector<std::string> TextLines(const std::string& text);
 inline bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 // argv for getopt: a program name followed by the words, kept alive by the object.

@@ -28,14 +28,13 @@ GangClock::time_point At(double seconds)
 
 TEST(GangEvents, ThePercentIsCappedAndTheRateIsLiveForEachRegion)
 {
-    struct Step {
+    const struct {
         double at;
         const char* line;
         const char* phase;
         double percent;
         double kbPerS;
-    };
-    const Step steps[] = {
+    } steps[] = {
         {10, R"({"event":"progress","region":"main","phase":"check","done":0,"total":100000})", "main check", 0, 0},
         {11, R"({"event":"progress","region":"main","phase":"write","done":50000,"total":100000})", "main write", 50, 50},
         {12, R"({"event":"progress","region":"main","phase":"done","done":120000,"total":100000})", "main done", 100, 60},
@@ -46,7 +45,7 @@ TEST(GangEvents, ThePercentIsCappedAndTheRateIsLiveForEachRegion)
         {16, "not json", " ", 0, 0},
     };
     Board board;
-    for (const Step& step : steps) {
+    for (const auto& step : steps) {
         TakeEvent(board, step.line, At(step.at));
         EXPECT_EQ(step.phase, board.phase) << step.line;
         EXPECT_DOUBLE_EQ(step.percent, board.percent) << step.line;

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
-#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
@@ -116,13 +115,12 @@ TEST_F(Gang, EveryBoardHasItsRowAndTheStatusIsZeroOnlyWhenAllSucceeded)
     EXPECT_TRUE(Has(mixed.out, "/x/silent1: FAILED (exit 3)")) << mixed.out;
     nlohmann::json report = Report();
     ASSERT_FALSE(report.is_discarded());
-    struct Row {
+    const struct {
         const char* port;
         bool ok;
         int exitCode;
         const char* message;
-    };
-    const Row rows[] = {{"/x/ok1", true, 0, "Upgrade OK!"},
+    } rows[] = {{"/x/ok1", true, 0, "Upgrade OK!"},
                         {"/x/crash1", false, 128 + SIGSEGV, "crashed (signal 11)"},
                         {"/x/silent1", false, 3, "ended without a result line: lost the line"}};
     ASSERT_EQ(3u, report["boards"].size());
@@ -181,7 +179,6 @@ TEST_F(Gang, ACtrlCAtTheTerminalStopsEveryBoardInsteadOfKillingIt)
 
 TEST_F(Gang, ASecondCtrlCEndsABoardThatDoesNotAnswerStop)
 {
-    const auto began = std::chrono::steady_clock::now();
     pid_t pid = StartInItsOwnGroup(Args({"/x/deaf1"}));
     ASSERT_TRUE(WaitForMarks({"started-deaf1"}));
     kill(-pid, SIGINT);
@@ -189,7 +186,6 @@ TEST_F(Gang, ASecondCtrlCEndsABoardThatDoesNotAnswerStop)
     kill(-pid, SIGINT);
     int status = 0;
     ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(10));
     nlohmann::json board = Report()["boards"][0];
     EXPECT_EQ(run_event::kExitStopped, board["exit_code"]);
     EXPECT_EQ("stopped: no answer to stop, ended by signal 15", board["message"]);

@@ -55,15 +55,13 @@ TEST(StopConsole, OnlyTheExactStopLineStops)
     } cases[] = {
         {"stop first", "stop\n", true, ""},
         {"one line, then stop", "abc\nstop\n", true, Echo("abc\n")},
-        {"case and blanks matter", "Stop\nstop \n stop\n", false,
-         Echo("Stop\n") + Echo("stop \n") + Echo(" stop\n")},
+        {"case and blanks matter", "Stop\nstop \n stop\n", false, Echo("Stop\n") + Echo("stop \n") + Echo(" stop\n")},
         {"empty input", "", false, ""},
         {"stop without its line feed", "stop", false, Echo("stop")},
         {"an empty line is echoed", "\nstop\n", true, Echo("\n")},
         {"a long line arrives in pieces", longLine + "\nstop\n", true,
          Echo(std::string(259, 'x')) + Echo(std::string(41, 'x') + "\n")},
-        {"stop as the tail of a long line", std::string(259, 'y') + "stop\n", true,
-         Echo(std::string(259, 'y'))},
+        {"stop as the tail of a long line", std::string(259, 'y') + "stop\n", true, Echo(std::string(259, 'y'))},
     };
     for (const auto& c : cases) {
         g_flashHost.SetStartUpdate();

@@ -3,7 +3,6 @@
 // 255. The boot ROM serves the flash, since the debug mode uploads no boot-loader.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <filesystem>
 #include <functional>
 
@@ -116,8 +115,7 @@ TEST(FlashDebugEndToEnd, LinkAndStatusKeysOfTheSettingsFileTakeEffect)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.settings);
         UpgradeBench bench;
-        const std::string settings = "[debug]\niDebugOp=n\n" + c.settings;
-        bench.WriteFile("settings_mac.ini", Bytes(settings.begin(), settings.end()));
+        WriteText(bench.Path("settings_mac.ini"), "[debug]\niDebugOp=n\n" + c.settings);
         ProcessResult read = bench.Run({"-D", "r", "-A", "0", "-L", "0x2000"}, kRomFlash);
         EXPECT_EQ(0, read.exitStatus) << read.out;
         EXPECT_EQ(c.readCommands, CountFramesReceived(bench.Trace(), 0x1A, "921600"));
@@ -126,29 +124,23 @@ TEST(FlashDebugEndToEnd, LinkAndStatusKeysOfTheSettingsFileTakeEffect)
     }
 }
 
-// Held by another program, then not there at all.
+// Held by another program (a missing device is in the driver's warning table).
 TEST(FlashDebugEndToEnd, DeviceThatCannotBeOpenedFailsAtOnce)
 {
     TempDir dir;
-    std::vector<std::string> args = {"-D", "r", "-A", "0", "-L", "0x200", "-c", dir.File("no-such-tty")};
-    ProcessResult r = RunProcess(ToolPath(), args, {dir.Path()});
-    EXPECT_EQ(255, r.exitStatus) << r.out;
-    EXPECT_TRUE(Has(r.out, "Open uart error!\n")) << r.out;
-
     SimProcess sim({"--rom-flash", "yes"});
     ASSERT_TRUE(sim.Started());
     CCommU holder;
     std::string path = sim.DevicePath();
     ASSERT_EQ(0, holder.Uart_Init(&path[0], 115200));
-    args.back() = path;
-    r = RunProcess(ToolPath(), args, {dir.Path()});
+    ProcessResult r = RunProcess(ToolPath(), {"-D", "r", "-A", "0", "-L", "0x200", "-c", path}, {dir.Path()});
     holder.UART_Close();
     EXPECT_EQ(255, r.exitStatus) << r.out;
     EXPECT_TRUE(Has(r.out, "ERR: can't open serial port:" + path + "!\r\nOpen uart error!\n")) << r.out;
 }
 
 // Refused before the first byte reaches anything: a port that is not a terminal
-// (no 12-second wait on /dev/null, the file given as the port unchanged), a read
+// (nothing sent into /dev/null, the file given as the port unchanged), a read
 // file whose name is taken by a folder (nothing is read), a read file that is the
 // -B file. The status is the road's failure; with --exit-code its class.
 TEST(FlashDebugEndToEnd, RefusalsComeBeforeAnyByteIsWrittenOrRead)
@@ -180,9 +172,7 @@ TEST(FlashDebugEndToEnd, RefusalsComeBeforeAnyByteIsWrittenOrRead)
             std::vector<std::string> args = c.args;
             if (exitCode)
                 args.push_back("--exit-code");
-            const auto start = std::chrono::steady_clock::now();
             ProcessResult r = bench.Run(args, kRomFlash);
-            EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
             EXPECT_EQ(exitCode ? c.exitCode : c.status, r.exitStatus) << r.out;
             EXPECT_TRUE(Has(r.out, c.line)) << r.out;
             EXPECT_FALSE(Has(r.out, "OK!")) << r.out;

@@ -33,13 +33,12 @@ TEST(LoadBlockFromFile, PadsWithTheErasedValueAndRefusesShortFiles)
 
     // A full block, then a tail that ends inside a sector, then reads the file
     // cannot satisfy: one that runs past its end, one at its end.
-    struct Step {
+    const struct {
         uint32_t count;
         size_t fileOffset;
         uint32_t supplied;
-    };
-    const Step steps[] = {{65536, 0, 65536}, {1000, 65536, 1000}, {65536, 66536, 3464}, {300, 70000, 0}};
-    for (const Step& s : steps) {
+    } steps[] = {{65536, 0, 65536}, {1000, 65536, 1000}, {65536, 66536, 3464}, {300, 70000, 0}};
+    for (const auto& s : steps) {
         std::fill(run.data.get(), run.data.get() + kUpgradeBlockSize, 0x00);
         // Measuring the file between reads must not move the reader: a combined image
         // is measured as the ETF source while the main image is read from it.

@@ -4,7 +4,6 @@
 #include <cctype>
 #include <cstdio>
 #include <iterator>
-#include <sstream>
 
 #include "tests/support/sim_link.h"
 #include "tools/image_builder.h"
@@ -30,8 +29,7 @@ UpgradeBench::UpgradeBench() : m_initialFlash(PatternBytes(kFlashSize, 99))
 {
     WriteFile("flash.bin", m_initialFlash);
     // Without a settings file the tool would take the flash debug read.
-    const std::string settings = "[debug]\niDebugOp=n\n";
-    WriteFile("settings_mac.ini", Bytes(settings.begin(), settings.end()));
+    WriteText(Path("settings_mac.ini"), "[debug]\niDebugOp=n\n");
 }
 
 ProcessResult UpgradeBench::Run(const std::vector<std::string>& toolArgs,
@@ -88,8 +86,7 @@ void ModelEtfWrite(Bytes& flash, uint32_t etfStart, const Bytes& etfData)
 std::vector<int> ProgressPercents(const std::string& out)
 {
     std::vector<int> percents;
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);) {
+    for (const std::string& line : TextLines(out)) {
         int percent = 0, used = 0;
         if (std::sscanf(line.c_str(), "%d%%: %n", &percent, &used) == 1 && used > 0)
             percents.push_back(percent);

@@ -16,14 +16,10 @@ constexpr uint8_t kWriteSector = 0x1B;
 constexpr uint8_t kReadSector = 0x1A;
 
 // One section: 64 header bytes and the rest data.
-Bytes MainImageOfSize(size_t total, uint32_t seed)
-{
-    return MakeImage(1, {total - 64}, seed);
-}
+Bytes MainImageOfSize(size_t total, uint32_t seed) { return MakeImage(1, {total - 64}, seed); }
 
-Bytes ExpectedAfterMainImage(const Bytes& initial, const Bytes& image)
+Bytes ExpectedAfterMainImage(Bytes flash, const Bytes& image)
 {
-    Bytes flash = initial;
     ModelBlockWrite(flash, 0, image);
     return flash;
 }
