@@ -12,14 +12,32 @@ namespace {
 
 // The reader takes mutable strings; these wrappers hand it private copies of
 // the section, key and default texts.
+std::vector<SettingsKey>& NotedKeys()
+{
+    static std::vector<SettingsKey> keys;
+    return keys;
+}
+
+// Each load names its key here once; later loads of the same file or of a -C file
+// find it already noted.
+void NoteKey(const std::string& section, const std::string& key, SettingsKeyKind kind)
+{
+    for (const SettingsKey& noted : NotedKeys())
+        if (noted.section == section && noted.key == key)
+            return;
+    NotedKeys().push_back({section, key, kind});
+}
+
 void LoadText(char* path, std::string section, std::string key, char (&field)[kSettingTextSize],
               std::string defaultText)
 {
+    NoteKey(section, key, SettingsKeyKind::kText);
     GetProfileString(path, section.data(), key.data(), field, defaultText.data());
 }
 
 int LoadInt(char* path, std::string section, std::string key, int defaultValue)
 {
+    NoteKey(section, key, SettingsKeyKind::kDecimal);
     return GetProfileInt(path, section.data(), key.data(), defaultValue);
 }
 
@@ -30,6 +48,7 @@ uint8_t LoadFlag(char* path, std::string key, int defaultValue)
 
 uint32_t LoadHex(char* path, std::string section, std::string key, float defaultValue)
 {
+    NoteKey(section, key, SettingsKeyKind::kHex);
     return GetProfileHex(path, section.data(), key.data(), defaultValue);
 }
 
@@ -37,11 +56,17 @@ uint32_t LoadDebugOp(char* path)
 {
     char word[100] = {};
     std::string section = "debug", key = "iDebugOp", defaultWord = "r";
+    NoteKey(section, key, SettingsKeyKind::kWord);
     GetProfileString(path, section.data(), key.data(), word, defaultWord.data());
     return DebugOpFromText(word);
 }
 
 }  // namespace
+
+const std::vector<SettingsKey>& SettingsKeys()
+{
+    return NotedKeys();
+}
 
 // Sectors per fast-link command: 1 to 15 (a reply buffer holds 15 sectors). A value
 // outside that range is reported on the error stream and the default (4, stored

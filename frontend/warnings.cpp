@@ -11,43 +11,12 @@
 #include "common/flash_geometry.h"
 #include "common/link_timing.h"
 #include "common/setting_record.h"
+#include "frontend/Setting.h"
 #include "serial/CCommU.h"
 
 namespace warnings {
 
 namespace {
-
-enum class KeyKind { kText, kDecimal, kHex, kWord };
-
-struct KnownKey {
-    const char* section;
-    const char* key;
-    KeyKind kind;
-};
-
-// Every key the settings loader reads. A key added to the loader goes here too.
-const KnownKey kKnownKeys[] = {
-    {"comm", "strComDev", KeyKind::kText},
-    {"comm", "iBaud", KeyKind::kDecimal},
-    {"comm", "strResetSequence", KeyKind::kText},
-    {"comm", "strAfter", KeyKind::kText},
-    {"log", "strLogFile", KeyKind::kText},
-    {"firmware", "strImagePath", KeyKind::kText},
-    {"firmware", "strEtfImagePath", KeyKind::kText},
-    {"setting", "bReadAndCheck", KeyKind::kDecimal},
-    {"setting", "bUpdateChangeOnly", KeyKind::kDecimal},
-    {"setting", "bEtfFw", KeyKind::kDecimal},
-    {"setting", "bFlashCompat", KeyKind::kDecimal},
-    {"setting", "bLogLevel", KeyKind::kDecimal},
-    {"setting", "bFastLink", KeyKind::kDecimal},
-    {"setting", "bExitCode", KeyKind::kDecimal},
-    {"setting", "iSectorsPerCommand", KeyKind::kDecimal},
-    {"setting", "bAutoBaud", KeyKind::kDecimal},
-    {"debug", "iDebugOp", KeyKind::kWord},
-    {"debug", "iAddress", KeyKind::kHex},
-    {"debug", "iLength", KeyKind::kHex},
-    {"debug", "strWriteBinFile", KeyKind::kText},
-};
 
 std::string Trim(const std::string& text)
 {
@@ -60,15 +29,15 @@ std::string Trim(const std::string& text)
 
 bool KnownSection(const std::string& section)
 {
-    for (const KnownKey& k : kKnownKeys)
+    for (const SettingsKey& k : SettingsKeys())
         if (section == k.section)
             return true;
     return false;
 }
 
-const KnownKey* FindKey(const std::string& section, const std::string& key)
+const SettingsKey* FindKey(const std::string& section, const std::string& key)
 {
-    for (const KnownKey& k : kKnownKeys)
+    for (const SettingsKey& k : SettingsKeys())
         if (section == k.section && key == k.key)
             return &k;
     return nullptr;
@@ -76,9 +45,9 @@ const KnownKey* FindKey(const std::string& section, const std::string& key)
 
 // Whether all of `text` is a number as the loader reads it: decimal for the
 // integer keys, "0x" and hexadecimal digits for the address keys.
-bool WholeNumber(const std::string& text, KeyKind kind)
+bool WholeNumber(const std::string& text, SettingsKeyKind kind)
 {
-    if (kind == KeyKind::kHex) {
+    if (kind == SettingsKeyKind::kHex) {
         if (text.size() < 3 || text[0] != '0' || (text[1] != 'x' && text[1] != 'X'))
             return false;
         return text.find_first_not_of("0123456789abcdefABCDEF", 2) == std::string::npos;
@@ -127,17 +96,17 @@ void SettingsFile(const char* path, bool named)
             continue;
         const std::string key = Trim(line.substr(0, equals));
         const std::string value = Trim(line.substr(equals + 1));
-        const KnownKey* known = FindKey(section, key);
+        const SettingsKey* known = FindKey(section, key);
         if (!known) {
             std::fprintf(stderr, "warning: %s:%d: unknown key %s in [%s]; ignored\n", path, number, key.c_str(),
                          section.c_str());
             continue;
         }
-        if ((known->kind == KeyKind::kDecimal || known->kind == KeyKind::kHex) && !value.empty() &&
+        if ((known->kind == SettingsKeyKind::kDecimal || known->kind == SettingsKeyKind::kHex) && !value.empty() &&
             !WholeNumber(value, known->kind))
             std::fprintf(stderr, "warning: %s:%d: %s=%s is not a whole %s number; only its leading digits count\n",
                          path, number, key.c_str(), value.c_str(),
-                         known->kind == KeyKind::kHex ? "0x hexadecimal" : "decimal");
+                         known->kind == SettingsKeyKind::kHex ? "0x hexadecimal" : "decimal");
     }
 }
 

@@ -98,6 +98,17 @@ def tokenize(src):
     def newline_count(a, b):
         return src.count("\n", a, b)
 
+    def comment_end(a):
+        """Where the comment starting at a ends (a line comment ends before its
+        newline), or None when no comment starts there."""
+        if src.startswith("//", a):
+            b = src.find("\n", a)
+            return n if b < 0 else b
+        if src.startswith("/*", a):
+            b = src.find("*/", a + 2)
+            return n if b < 0 else b + 2
+        return None
+
     while i < n:
         c = src[i]
         if c == "\n":
@@ -113,13 +124,8 @@ def tokenize(src):
             i += 2
             line += 1
             continue
-        if src.startswith("//", i):
-            j = src.find("\n", i)
-            i = n if j < 0 else j
-            continue
-        if src.startswith("/*", i):
-            j = src.find("*/", i + 2)
-            j = n if j < 0 else j + 2
+        j = comment_end(i)
+        if j is not None:
             line += newline_count(i, j)
             i = j
             continue
@@ -132,15 +138,10 @@ def tokenize(src):
                     j += 2
                     line += 1
                     continue
-                if src.startswith("/*", j):
-                    k = src.find("*/", j + 2)
-                    k = n if k < 0 else k + 2
+                k = comment_end(j)
+                if k is not None:
                     line += newline_count(j, k)
                     j = k
-                    continue
-                if src.startswith("//", j):
-                    k = src.find("\n", j)
-                    j = n if k < 0 else k
                     continue
                 j += 1
             i = j
