@@ -48,6 +48,8 @@ public:
     void UsePort(BytePort* port) { m_comm.UsePort(port); }
     // True once the line failed in a way it does not recover from (unplugged).
     bool LinkLost() const { return m_comm.LinkLost(); }
+    // A pause between attempts, on the line's clock (see BytePort::Pause).
+    void Pause(unsigned int us) { m_comm.Pause(us); }
 
     // The link profile for the next connection (the default is the classic link):
     // the serial part goes to the port, the rest shapes the length operations.

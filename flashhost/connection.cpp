@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <unistd.h>
 
 #include "common/link_timing.h"
 #include "common/run_report.h"
@@ -256,7 +255,7 @@ int CFlashHost::SendUpgradeCmd()
         m_comm.UART_Close();
         return CommandFailed(kTextSendUpgradeError);
     }
-    usleep(kUpgradeTextPauseUs);
+    m_comm.Pause(kUpgradeTextPauseUs);
     m_comm.UART_Close();
     return 0;
 }

@@ -2,7 +2,6 @@
 // follows, and the reply check.
 #include <cstdio>
 #include <cstring>
-#include <unistd.h>
 
 #include "common/byte_order.h"
 #include "common/checksum16.h"
@@ -121,7 +120,7 @@ int CFlashHost::AwaitReply(const char* name, int written, unsigned int expected,
                            const char* timeoutText, unsigned int pauseUs)
 {
     if (pauseUs > 0)
-        usleep(pauseUs);
+        m_comm.Pause(pauseUs);
     unsigned int readResult = m_comm.ReadMsg(m_comm.RecvBuf, kFrameHeaderSize);
     if (!WroteAll(written, expected) || readResult != 0) {
         return CommandFailed(timeoutText);

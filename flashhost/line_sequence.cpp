@@ -2,7 +2,6 @@
 // the start of a connection, and the action after a successful run (SysReboot, or
 // lines that restart the new firmware).
 #include <cstdio>
-#include <unistd.h>
 
 #include "flashhost/CFlashHost.h"
 
@@ -20,7 +19,7 @@ int CFlashHost::RunLineSequence(const LineSequence& sequence, const char* what)
     for (unsigned int i = 0; i < sequence.count && i < LineSequence::kMaxSteps; ++i) {
         const LineStep& step = sequence.steps[i];
         if (step.kind == LineStep::kWait) {
-            usleep(step.waitMs * 1000u);
+            m_comm.Pause(step.waitMs * 1000u);
             continue;
         }
         if (m_comm.SetModemLines(step.dtr, step.rts) != 0) {

@@ -60,19 +60,18 @@ void CFlashHost::BuildRateLadder(unsigned int ceiling)
 }
 
 // Target first (its acknowledgement comes at the old rate), then the port, then a
-// handshake at the new rate. When the handshake fails the target may have moved or
-// not: the port goes back, and the next try sends the change again and syncs at
-// the new rate, which covers both.
+// handshake at the new rate. Setting the port's rate discards what it had received,
+// so the handshake follows at once, as on the direct change; a stray byte makes it
+// fail. When the handshake fails the target may have moved or not: the port goes
+// back and waits for the line to fall quiet, and the next try sends the change
+// again and syncs at the new rate, which covers both.
 int CFlashHost::MoveRate(unsigned int from, unsigned int to)
 {
     for (int attempt = 0; attempt < kMoveAttempts; ++attempt) {
         m_iBaud = to;
         ChangeBaud(kChangeBaudMode | (to & 0x00FFFFFFu));
-        if (SetPortRate(to, "speed change") == 0) {
-            m_comm.DrainInput();
-            if (Synchron() == 0)
-                return 0;
-        }
+        if (SetPortRate(to, "speed change") == 0 && Synchron() == 0)
+            return 0;
         SetPortRate(from, "speed change");
         m_comm.DrainInput();
     }

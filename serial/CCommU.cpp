@@ -6,9 +6,7 @@
 #include "serial/CCommU.h"
 
 #include <cerrno>
-#include <chrono>
 #include <termios.h>
-#include <unistd.h>
 
 #include "common/link_timing.h"
 
@@ -18,13 +16,6 @@ namespace {
 const unsigned int kMaxReadLength = 8196;
 
 const unsigned int kReadTimedOut = 0xFFFFFFFFu;
-
-uint64_t NowUs()
-{
-    using namespace std::chrono;
-    return static_cast<uint64_t>(
-        duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count());
-}
 
 bool WouldBlock(int error)
 {
@@ -126,7 +117,7 @@ int CCommU::WriteMsg(unsigned char* buf, unsigned int len)
         return 0;
     if (len == 0)
         return static_cast<int>(m_port->Write(buf, 0));
-    const uint64_t deadline = NowUs() + link_timing::WriteDeadlineUs(len, iBaudRate);
+    const uint64_t deadline = m_port->NowUs() + link_timing::WriteDeadlineUs(len, iBaudRate);
     unsigned int sent = 0;
     int refusedInARow = 0;
     while (sent < len) {
@@ -140,7 +131,7 @@ int CCommU::WriteMsg(unsigned char* buf, unsigned int len)
             m_lineLost = true;
             return -1;
         }
-        const uint64_t now = NowUs();
+        const uint64_t now = m_port->NowUs();
         if (now >= deadline)
             return 0;
         if (m_port->Wait(true, static_cast<unsigned int>(deadline - now)) < 0) {
@@ -150,7 +141,7 @@ int CCommU::WriteMsg(unsigned char* buf, unsigned int len)
         // A driver that says it has room and then refuses again must not turn the
         // wait into a busy loop.
         if (++refusedInARow > 1)
-            usleep(link_timing::kWriteRefusedAgainPauseUs);
+            m_port->Pause(link_timing::kWriteRefusedAgainPauseUs);
     }
     return static_cast<int>(len);
 }
@@ -214,7 +205,7 @@ unsigned int CCommU::ReadPolled(unsigned char* buf, unsigned int len)
         ReadOutcome step = ReadMore(buf, len, &received);
         if (step != kReadNothing)
             return step == kReadData ? 0 : kReadTimedOut;
-        usleep(link_timing::PollIntervalUs(iBaudRate));
+        m_port->Pause(link_timing::PollIntervalUs(iBaudRate));
     }
     m_port->Flush();
     return kReadTimedOut;
@@ -224,13 +215,13 @@ unsigned int CCommU::ReadPolled(unsigned char* buf, unsigned int len)
 // arrive, so a reply costs its wire time and not a poll interval on top.
 unsigned int CCommU::ReadWaiting(unsigned char* buf, unsigned int len)
 {
-    const uint64_t deadline = NowUs() + link_timing::ReplyDeadlineUs(iBaudRate);
+    const uint64_t deadline = m_port->NowUs() + link_timing::ReplyDeadlineUs(iBaudRate);
     unsigned int received = 0;
     for (;;) {
         ReadOutcome step = ReadMore(buf, len, &received);
         if (step != kReadNothing)
             return step == kReadData ? 0 : kReadTimedOut;
-        const uint64_t now = NowUs();
+        const uint64_t now = m_port->NowUs();
         if (now >= deadline)
             break;
         // A hang-up is not final here: the next read takes any bytes still
@@ -257,7 +248,7 @@ void CCommU::DrainInput()
             if (m_port->Wait(false, quietUs) <= 0)
                 return;  // quiet for one interval, or gone
         } else {
-            usleep(quietUs);
+            m_port->Pause(quietUs);
         }
         bool quiet = true;
         unsigned int got = 0;

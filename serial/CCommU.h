@@ -64,6 +64,9 @@ public:
     // The adapter's latency timer lowered to 1 ms at the open, in ms before; 0: none.
     int LoweredLatencyTimerMs() const { return m_port->LoweredLatencyTimerMs(); }
 
+    // A fixed pause of the protocol, on the port's clock.
+    void Pause(unsigned int us) { m_port->Pause(us); }
+
     // The modem lines, as BytePort::SetModemLines: -1 where the port has none.
     int SetModemLines(int dtr, int rts) { return m_port->SetModemLines(dtr, rts); }
 

@@ -3,6 +3,7 @@
 // (tests, fuzzing) and the terminal code stays in one place.
 #pragma once
 #include <cstddef>
+#include <cstdint>
 
 class BytePort {
 public:
@@ -25,6 +26,12 @@ public:
     // Waits up to timeoutUs until bytes can be read (or, with forWrite, written):
     // 1 ready, 0 timed out, -1 when the line hung up or failed.
     virtual int Wait(bool forWrite, unsigned int timeoutUs) = 0;
+    // The line's clock and its pauses. Every deadline and fixed wait of the serial
+    // port and of the protocol above it is measured here, so that a port in memory
+    // can keep a clock of its own: its waits then cost nothing and can be counted
+    // exactly. The device's own: a monotonic clock in microseconds, and a sleep.
+    virtual uint64_t NowUs();
+    virtual void Pause(unsigned int us);
     // Asks the driver to pass received bytes on at once instead of holding them for
     // its latency timer; refused quietly where the driver does not allow it. The
     // previous setting comes back at Close.

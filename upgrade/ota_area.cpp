@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <unistd.h>
 
 #include "common/flash_geometry.h"
 #include "flashhost/CFlashHost.h"
@@ -90,7 +89,7 @@ int EraseInnerBlocks(const OtaLayout& layout)
                                          kUpgradeBlockSize) != 0) {
             std::puts("Erase OTA data2 error!");
             std::fflush(stdout);
-            usleep(link_timing::kOtaEraseRetryPauseUs);
+            g_flashHost.Pause(link_timing::kOtaEraseRetryPauseUs);
         }
     }
     return 0;

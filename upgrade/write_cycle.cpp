@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <unistd.h>
 
 #include "common/run_report.h"
 #include "common/setting_record.h"
@@ -197,7 +196,7 @@ int RunWriteCycle(const WriteCycle& cycle, unsigned char* data, unsigned char* c
             KeepFirstFailure(failure, FailureKind::kNoAnswer);
             return -1;
         }
-        usleep(link_timing::kWriteCycleRetryPauseUs);
+        g_flashHost.Pause(link_timing::kWriteCycleRetryPauseUs);
         if (attempt == kWriteAttempts)
             KeepFirstFailure(failure, FailureClass(lastFailed));
     }

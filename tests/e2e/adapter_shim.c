@@ -8,6 +8,12 @@
  *   KESTREL_SHIM_EAGAIN_EVERY-th write to a terminal (default 3, 0: never) fails
  *   with EAGAIN as if the FIFO were full. Writes to anything else are untouched.
  *
+ * KESTREL_SHIM_PAUSES=PATH: the pauses the program asks for
+ *   Every usleep(us) appends the line "usleep <us>" to PATH, then sleeps as asked: a
+ *   test reads each fixed pause by its exact length instead of timing anything. (A
+ *   sanitizer runtime that wraps usleep itself comes first, so the log stays empty
+ *   under ThreadSanitizer.)
+ *
  * KESTREL_SHIM_MODEM=PATH: modem lines
  *   ioctl(fd, TIOCMSET / TIOCMBIS / TIOCMBIC / TIOCMGET, int*) on a terminal no longer
  *   reaches the pty (which has no modem lines and refuses them with ENOTTY). The shim
@@ -95,6 +101,22 @@ ssize_t write(int fd, const void* buf, size_t count)
     }
     size_t most = setting("KESTREL_SHIM_MAX_WRITE", 4096);
     return REAL(write)(fd, buf, count < most ? count : most);
+}
+
+/* ---- pauses ----------------------------------------------------------------- */
+
+int usleep(useconds_t us)
+{
+    const char* path = getenv("KESTREL_SHIM_PAUSES");
+    int fd = path ? REAL(open)(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600) : -1;
+    if (fd >= 0) {
+        char line[32];
+        int n = snprintf(line, sizeof line, "usleep %u\n", (unsigned)us);
+        if (REAL(write)(fd, line, (size_t)n) != n)
+            fprintf(stderr, "adapter shim: cannot log a pause to %s\n", path);
+        close(fd);
+    }
+    return REAL(usleep)(us);
 }
 
 /* ---- modem lines ------------------------------------------------------------ */

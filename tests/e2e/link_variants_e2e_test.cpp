@@ -30,11 +30,12 @@ std::string Comparable(const std::string& out)
 struct Outcome {
     ProcessResult result;
     Bytes flash;
+    size_t retryPauses;  // of one second, between a block's attempts
 };
 
 // The reference run is the classic link with every terminal write taken whole; the
 // other has the fast link with writes shaped like a USB-serial adapter's (at most
-// 4 KiB taken per write, EAGAIN every third write).
+// 4 KiB taken per write, EAGAIN every third write). Both log their pauses.
 Outcome RunOnce(bool fastAndShaped, std::vector<std::string> args, const std::vector<std::string>& simArgs,
                 const Bytes& mainImage)
 {
@@ -42,14 +43,17 @@ Outcome RunOnce(bool fastAndShaped, std::vector<std::string> args, const std::ve
     bench.WriteFile("main.img", mainImage);
     bench.WriteFile("etf.img", MakeImage(1, {4096, 9000}, 22));
     bench.WriteFile("data.bin", PatternBytes(0x8345, 13));
-    if (fastAndShaped) {
+    bench.toolLauncher = {"/usr/bin/env", std::string("LD_PRELOAD=") + KESTREL_ADAPTER_SHIM,
+                          // the sanitizer runtimes want to come first; the shim only
+                          // wraps write() and usleep()
+                          "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1",
+                          "KESTREL_SHIM_PAUSES=" + bench.PauseLog()};
+    if (fastAndShaped)
         args.insert(args.begin(), "--fast");
-        bench.toolLauncher = {"/usr/bin/env", std::string("LD_PRELOAD=") + KESTREL_ADAPTER_SHIM,
-                              // the sanitizer runtimes want to come first; the shim
-                              // only wraps write()
-                              "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1"};
-    }
-    Outcome outcome{bench.Run(args, simArgs), bench.Flash()};
+    else
+        bench.toolLauncher.insert(bench.toolLauncher.end(),
+                                  {"KESTREL_SHIM_EAGAIN_EVERY=0", "KESTREL_SHIM_MAX_WRITE=4294967295"});
+    Outcome outcome{bench.Run(args, simArgs), bench.Flash(), bench.PausesOf(1000000)};
     outcome.result.out = Comparable(outcome.result.out);
     return outcome;
 }
@@ -62,16 +66,17 @@ TEST(LinkVariants, FastLinkOverAnAdapterEndsWithTheClassicLinksTextStatusAndFlas
     const struct {
         std::vector<std::string> toolArgs, simArgs;
         bool smallImage;  // the fallback runs at 115200 with one sector per command
+        size_t retryPauses;
     } cases[] = {
-        {{"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "0", "-r", "1"}, {}, false},
-        {{"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "1"}, {}, false},  // change check on old flash
-        {{"-i", "main.img", "-u", "0", "-r", "1"}, {"--fault", "WriteSector:7:error2"}, false},
-        {{"-i", "main.img", "-u", "1"}, {"--fault", "EraseFlash:2:noreply"}, false},
-        {{"-i", "main.img", "-u", "0"}, {"--fault", "EraseFlash:every:error2@921600"}, true},  // falls back
-        {{"-i", "main.img", "-u", "0", "-r", "1"}, {"--fault", "ReadSector:1+:bitflip"}, true},
-        {{"-D", "r", "-A", "0x30200", "-L", "0x8345"}, romFlash, true},
-        {{"-D", "w", "-A", "0x20000", "-L", "0x8345", "-B", "data.bin"}, romFlash, true},
-        {{"-D", "e", "-A", "0x10080", "-L", "0x20000"}, romFlash, true},
+        {{"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "0", "-r", "1"}, {}, false, 0},
+        {{"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "1"}, {}, false, 0},  // change check on old flash
+        {{"-i", "main.img", "-u", "0", "-r", "1"}, {"--fault", "WriteSector:7:error2"}, false, 1},
+        {{"-i", "main.img", "-u", "1"}, {"--fault", "EraseFlash:2:noreply"}, false, 1},
+        {{"-i", "main.img", "-u", "0"}, {"--fault", "EraseFlash:every:error2@921600"}, true, 4},  // falls back
+        {{"-i", "main.img", "-u", "0", "-r", "1"}, {"--fault", "ReadSector:1+:bitflip"}, true, 5},
+        {{"-D", "r", "-A", "0x30200", "-L", "0x8345"}, romFlash, true, 0},
+        {{"-D", "w", "-A", "0x20000", "-L", "0x8345", "-B", "data.bin"}, romFlash, true, 0},
+        {{"-D", "e", "-A", "0x10080", "-L", "0x20000"}, romFlash, true, 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.toolArgs.back() + (c.simArgs.empty() ? "" : " " + c.simArgs[1]));
@@ -82,6 +87,8 @@ TEST(LinkVariants, FastLinkOverAnAdapterEndsWithTheClassicLinksTextStatusAndFlas
         EXPECT_EQ(classic.result.exitStatus, fast.result.exitStatus);
         EXPECT_EQ(classic.result.out, fast.result.out);
         EXPECT_EQ(-1, FirstDifference(classic.flash, fast.flash));
+        EXPECT_EQ(c.retryPauses, classic.retryPauses);
+        EXPECT_EQ(c.retryPauses, fast.retryPauses);
         // Without faults the runs must have done their work, not failed alike.
         if (c.simArgs.empty() || c.simArgs[0] != "--fault") {
             EXPECT_FALSE(Has(fast.result.out, "rror")) << fast.result.out;

@@ -46,7 +46,7 @@ TEST(BringUp, TakesTheRoadTheFlagAndResponderChooseThenServesTheFlash)
          {kFlashId, {0x10, 0x0301C200}, kUpload, kStart, {0x10, 0x0301C200}}},
         {"upload forbidden", 0, Target(1, true), 921600, {kFlashId, {0x10, 0x030E1000}}},
         {"responder serves the flash", 1, Target(2, true), 921600, {kFlashId, {0x10, 0x030E1000}}},
-        {"sync answered on the second try", 1, Target(2, true, 1), 921600, {kFlashId, {0x10, 0x030E1000}}},
+        {"sync answered on the fifth try", 1, Target(2, true, 4), 921600, {kFlashId, {0x10, 0x030E1000}}},
         {"flash id longer than its field", 1, Target(2, true, 0, 200), 921600, {kFlashId, {0x10, 0x030E1000}}},
         {"responder 7, upload forbidden", 0, Target(7, true), 230400, {kFlashId, {0x10, 0x03038400}}},
     };
@@ -73,6 +73,12 @@ TEST(BringUp, TakesTheRoadTheFlagAndResponderChooseThenServesTheFlash)
         Bytes sectors(2048);
         EXPECT_EQ(0, side.host.ReadFlashLength(0x200, sectors.data(), 2048)) << side.host.m_strMsg;
         EXPECT_TRUE(std::equal(sectors.begin(), sectors.end(), pattern.begin() + 0x200));
+        // An unanswered sync waits out 101 polls of 20 ms at 115200 bit/s; a sector
+        // command is followed by a pause of 50 ms before its reply is read.
+        const std::vector<unsigned int>& pauses = side.link.pauses;
+        EXPECT_EQ(101 * c.target.syncFailCount, std::count(pauses.begin(), pauses.end(), 20000u));
+        EXPECT_EQ(side.link.CommandsWith(0x1A).size(), std::count(pauses.begin(), pauses.end(), 50000u));
+        EXPECT_EQ(side.link.CommandsWith(0x1A).size() + 101 * c.target.syncFailCount, pauses.size());
     }
 }
 
@@ -84,8 +90,10 @@ TEST(BringUpFailures, EachFailureLeavesItsTextAndClosesThePort)
         std::vector<std::string> faults;
         unsigned int hangUpAtSync;
         std::string text;
+        uint32_t syncFails = 0;
     } cases[] = {
         {"line dead at the first sync", 0, {}, 1, "Synchron1 error!"},
+        {"five syncs unanswered", 0, {}, 0, "Synchron1 error!", 5},
         {"flash id refused", 0, {"GetFlashId:1:error1"}, 0, "Get Flash ID error!"},
         {"device vanishes", 1, {"GetFlashId:1:vanish"}, 0, "Get Flash ID error!"},
         {"upload data refused", 1, {"WriteMemoryLen:1:error3"}, 0, "Load Brom error!"},
@@ -98,7 +106,7 @@ TEST(BringUpFailures, EachFailureLeavesItsTextAndClosesThePort)
         SCOPED_TRACE(c.name);
         TempDir dir;
         UseLog(dir, 1);
-        HostAndLink side(Target(1, false), c.useBrom);
+        HostAndLink side(Target(1, false, c.syncFails), c.useBrom);
         side.link.SetFaults(c.faults);
         side.link.HangUpAtSync(c.hangUpAtSync);
         side.host.SetBaud(921600);
@@ -244,6 +252,7 @@ TEST(BringUp, UpgradeTextGoesOutAndThePortIsGivenBack)
     HostAndLink side(firmware);
     EXPECT_EQ(0, side.host.SendUpgradeCmd()) << side.host.m_strMsg;
     EXPECT_EQ("75 70 67 72 61 64 65 0A 00", ToHex(side.link.written));
+    EXPECT_EQ(std::vector<unsigned int>{50000}, side.link.pauses) << "the firmware's time to let go";
     EXPECT_FALSE(side.link.open);
 }
 

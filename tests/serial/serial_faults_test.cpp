@@ -40,26 +40,29 @@ TEST(SerialWritePath, PartialWritesAndTransientErrorsAreFinishedHardErrorsAreNot
         bool neverWritable;
         int expected;  // -2: the whole length
         bool lineLost;
+        uint64_t elapsedUs;  // on the port's clock
+        size_t pauses;       // of 1 ms, each after a refusal following the first
     } cases[] = {
-        {"taken at once", static_cast<size_t>(-1), {}, false, -2, false},
-        {"taken 1000 bytes at a time", 1000, {}, false, -2, false},
-        {"FIFO full twice, then room", 4096, {0, EAGAIN, EAGAIN}, false, -2, false},
-        {"interrupted by a signal", static_cast<size_t>(-1), {EINTR}, false, -2, false},
-        {"unplugged before the first byte", static_cast<size_t>(-1), {EIO}, false, -1, true},
-        {"unplugged after the first piece", 4096, {0, EIO}, false, -1, true},
-        {"FIFO never drains", 100, {0, EAGAIN, EAGAIN, EAGAIN, EAGAIN, EAGAIN, EAGAIN, EAGAIN,
-                                    EAGAIN, EAGAIN, EAGAIN, EAGAIN, EAGAIN, EAGAIN, EAGAIN},
-         true, 0, false},
+        {"taken at once", static_cast<size_t>(-1), {}, false, -2, false, 0, 0},
+        {"taken 1000 bytes at a time", 1000, {}, false, -2, false, 0, 0},
+        {"FIFO full twice, then room", 4096, {0, EAGAIN, EAGAIN}, false, -2, false, 1000, 1},
+        {"interrupted by a signal", static_cast<size_t>(-1), {EINTR}, false, -2, false, 0, 0},
+        {"unplugged before the first byte", static_cast<size_t>(-1), {EIO}, false, -1, true, 0, 0},
+        {"unplugged after the first piece", 4096, {0, EIO}, false, -1, true, 0, 0},
+        // the deadline: twice the 5,868 bytes' 63,671 us at 921600 bit/s, and a second
+        {"FIFO never drains", 100, {}, true, 0, false, 1127342, 0},
+        // room said, write refused, ever again: 1 ms pauses until that deadline
+        {"room said but refused", 100, {0}, false, 0, false, 1128000, 1128},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         MemoryPort memory;
         memory.maxWrite = c.maxWrite;
         memory.writeErrors.assign(c.errors.begin(), c.errors.end());
-        if (c.neverWritable) {
+        if (c.expected == 0) {
             // Room for 100 bytes, then never again until the deadline passes.
             memory.writeErrors.resize(100000, EAGAIN);
-            memory.writableNever = true;
+            memory.writableNever = c.neverWritable;
         }
         CCommU port;
         ASSERT_EQ(0, OpenOn(port, memory));
@@ -70,6 +73,38 @@ TEST(SerialWritePath, PartialWritesAndTransientErrorsAreFinishedHardErrorsAreNot
             EXPECT_TRUE(memory.written == data);
         }
         EXPECT_EQ(c.lineLost, port.LinkLost());
+        EXPECT_EQ(c.elapsedUs, memory.clockUs);
+        EXPECT_EQ(std::vector<unsigned int>(c.pauses, 1000), memory.pauses);
+    }
+}
+
+// A reply that never comes is given up after 101 polls of 5 ms at 921600 bit/s and
+// of 20 ms at every other rate; the fast link keeps the same deadline but waits on
+// the line instead of pausing. Measured on the port's clock.
+TEST(SerialReadPath, AMissingReplyIsGivenUpAfter101PollIntervalsOfItsRate)
+{
+    const struct {
+        bool fast;
+        unsigned int baud;
+        uint64_t elapsedUs;
+        size_t pauses;
+        unsigned int pauseUs;
+    } cases[] = {
+        {false, 921600, 505000, 101, 5000},   {false, 115200, 2020000, 101, 20000},
+        {false, 2000000, 2020000, 101, 20000}, {true, 921600, 505000, 0, 0},
+        {true, 3000000, 2020000, 0, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.baud) + (c.fast ? ", fast link" : ", polled"));
+        MemoryPort memory;
+        CCommU port;
+        port.SetLinkProfile(SerialProfile(c.fast));
+        ASSERT_EQ(0, OpenOn(port, memory, c.baud));
+        unsigned char buf[12];
+        EXPECT_EQ(kTimedOut, port.ReadMsg(buf, 12));
+        EXPECT_EQ(c.elapsedUs, memory.clockUs);
+        EXPECT_EQ(std::vector<unsigned int>(c.pauses, c.pauseUs), memory.pauses);
+        EXPECT_FALSE(port.LinkLost());
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <unistd.h>
 
 namespace {
 
@@ -88,6 +87,12 @@ int MemoryPort::Wait(bool forWrite, unsigned int timeoutUs)
         return -1;
     bool ready = forWrite ? !writableNever : !m_incoming.empty();
     if (!ready)
-        usleep(std::min(timeoutUs, 1000u));  // time passes as it would on a line
+        clockUs += timeoutUs;
     return ready ? 1 : 0;
+}
+
+void MemoryPort::Pause(unsigned int us)
+{
+    pauses.push_back(us);
+    clockUs += us;
 }

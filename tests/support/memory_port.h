@@ -4,6 +4,7 @@
 // EAGAIN while the FIFO is full, EINTR, EIO after an unplug, a hang-up, a refused
 // rate, an open that fails.
 #pragma once
+#include <cstdint>
 #include <deque>
 #include <set>
 #include <vector>
@@ -22,12 +23,17 @@ public:
     bool writableNever = false;           // Wait for writing never succeeds
     bool hungUp = false;                  // Wait reports a hang-up
     bool hangUpWhenDrained = false;       // ... once every fed byte has been read
+    // The port's own clock, in microseconds: it moves only by a pause or by a wait
+    // that times out (by its whole timeout), so waits cost no time in a test and
+    // come out exact.
+    uint64_t clockUs = 0;
 
     // What happened.
     std::vector<unsigned char> written;
     size_t readCalls = 0;
     unsigned int rate = 0;
     bool open = false;
+    std::vector<unsigned int> pauses;     // every Pause, in order
 
     // Queues bytes for the host to read.
     void Feed(const unsigned char* data, size_t len);
@@ -39,6 +45,8 @@ public:
     long Read(unsigned char* buf, size_t len) override;
     long Write(const unsigned char* buf, size_t len) override;
     int Wait(bool forWrite, unsigned int timeoutUs) override;
+    uint64_t NowUs() override { return clockUs; }
+    void Pause(unsigned int us) override;
 
 private:
     std::deque<unsigned char> m_incoming;

@@ -131,3 +131,8 @@ std::string WithoutDevicePaths(const std::string& text)
     }
     return out + text.substr(at);
 }
+
+size_t UpgradeBench::PausesOf(unsigned int us) const
+{
+    return CountOccurrences(ReadText(PauseLog()), "usleep " + std::to_string(us) + "\n");
+}

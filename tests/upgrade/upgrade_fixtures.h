@@ -41,6 +41,10 @@ public:
     const Bytes& InitialFlash() const { return m_initialFlash; }
     Bytes Flash() const { return ReadFileBytes(Path("flash.bin")); }
     std::string Trace() const { return ReadText(Path("trace.txt")); }
+    // With the adapter shim's KESTREL_SHIM_PAUSES=PauseLog(): how many of the tool's
+    // pauses were exactly `us` long.
+    std::string PauseLog() const { return Path("pauses.txt"); }
+    size_t PausesOf(unsigned int us) const;
 
 private:
     TempDir m_dir;
