@@ -61,11 +61,7 @@ struct LineBench {
 // strap held: only the sequence for its wiring gets the upgrade through.
 TEST(ResetSequence, ReachesTheBootRomOnlyWithTheSequenceForTheWiring)
 {
-    const struct {
-        std::vector<std::string> toolArgs;
-        const char* wiring;
-        bool reachesBootRom;
-    } cases[] = {
+    const struct { std::vector<std::string> toolArgs; const char* wiring; bool reachesBootRom; } cases[] = {
         {{"--reset", "classic"}, "two-transistor-rts-reset", true},
         {{}, "two-transistor-rts-reset", false},  // no sequence: stays in its firmware
         {{"--reset", "inverted"}, "two-transistor-rts-reset", false},
@@ -155,10 +151,7 @@ TEST(AfterAction, RunsOnceAfterSuccessAndNeverAfterFailure)
 // before anything reaches the port.
 TEST(FirstContactRefusal, IsMadeBeforeTheFirstByte)
 {
-    const struct {
-        std::vector<std::string> args;
-        const char* line;
-    } rows[] = {
+    const struct { std::vector<std::string> args; const char* line; } rows[] = {
         {{"--reset", "D2"}, "--reset D2: step \"D2\""},
         {{"--after", "W"}, "--after W: step \"W\""},
         {{"--auto-baud"}, "--auto-baud needs the fast link"},

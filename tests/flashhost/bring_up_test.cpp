@@ -164,10 +164,7 @@ TEST(BringUpFailures, ALogFolderThatCannotBeMadeIsALocalFileFailure)
 // the words the user has always seen.
 TEST(BringUpTexts, WhatThePortFoundIsPrintedByTheHost)
 {
-    struct OpenCase {
-        int error;
-        const char* hint;
-    };
+    struct OpenCase { int error; const char* hint; };
     for (const OpenCase& c : {OpenCase{ENOENT, nullptr}, OpenCase{EACCES, "dialout"},
                               OpenCase{EBUSY, "another program"}, OpenCase{EWOULDBLOCK, "another program"}}) {
         SCOPED_TRACE(c.error);
@@ -206,10 +203,7 @@ TEST(BringUpTexts, WhatThePortFoundIsPrintedByTheHost)
 // The identifier read at the connection, and the capacity its last byte gives.
 TEST(BringUp, TheFlashIdentifierGivesTheCapacity)
 {
-    const struct {
-        Bytes id;
-        uint64_t capacity;
-    } cases[] = {
+    const struct { Bytes id; uint64_t capacity; } cases[] = {
         {{0xC8, 0x40, 0x16}, 4u << 20}, {{0xEF, 0x40, 0x10}, 65536},  {{0xEF, 0x40, 0x1C}, 1u << 28},
         {{0xEF, 0x40, 0x0F}, 0},        {{0xEF, 0x40, 0x1D}, 0},      {{0xFF, 0xFF, 0xFF}, 0},
     };

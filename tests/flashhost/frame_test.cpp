@@ -58,12 +58,7 @@ TEST_F(HostOnSim, WorkedExamplesGoOutByteForByte)
     }
 }
 
-struct AckCase {
-    const char* name;
-    Bytes reply;
-    int result;
-    std::string text;
-};
+struct AckCase { const char* name; Bytes reply; int result; std::string text; };
 
 // A reply cut to its first `size` bytes.
 Bytes Cut(Bytes reply, size_t size)

@@ -73,11 +73,7 @@ TEST_F(HostLogTest, NestedFoldersAreCreatedAndTheLogStartsEmpty)
 
 TEST_F(HostLogTest, LinesCarryTheStampTheTitleAndTheDump)
 {
-    struct DumpCase {
-        std::string title;
-        std::vector<unsigned char> bytes;
-        std::string text;
-    };
+    struct DumpCase { std::string title; std::vector<unsigned char> bytes; std::string text; };
     std::string path = dir.File("log.txt");
     UseLog(path, 1);
     ASSERT_TRUE(host.InitLogFile());

@@ -87,10 +87,7 @@ TEST_F(HostOnSim, WriteFlashLengthSendsEachChunkAfterItsCommand)
 TEST_F(HostOnSim, EraseFlashLengthErasesEveryBlockTheRangeMeetsAndDoesNotWrap)
 {
     Connect();
-    const struct {
-        uint32_t address, length;
-        std::vector<uint32_t> blocks;
-    } cases[] = {
+    const struct { uint32_t address, length; std::vector<uint32_t> blocks; } cases[] = {
         {0x12345, 0x20000, {0x10000, 0x20000, 0x30000}},
         {0x10000, 0x10000, {0x10000}},
         {0x10080, 0x100, {0x10000}},

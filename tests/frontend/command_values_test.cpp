@@ -1,19 +1,21 @@
 // The values the everyday commands take: sizes and addresses, and Intel HEX files.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
 #include "common/size_value.h"
 #include "frontend/progress_line.h"
+#include "frontend/run_sinks.h"
 #include "image/intel_hex.h"
+#include "tests/support/process.h"
 
 namespace {
 
 TEST(SizeValue, TakesHexDecimalAndSuffixesAndRefusesTheRest)
 {
-    const struct {
-        const char* text;
-        bool ok;
-        uint64_t value;
-    } cases[] = {
+    const struct { const char* text; bool ok; uint64_t value; } cases[] = {
         {"0", true, 0},          {"4096", true, 4096},       {"0x1F8000", true, 0x1F8000},
         {"0X10", true, 16},      {"64K", true, 65536},       {"64k", true, 65536},
         {"4M", true, 4u << 20},  {"0x10K", true, 16 * 1024}, {"4294967296", true, 1ull << 32},
@@ -46,10 +48,7 @@ TEST(IntelHex, PlacesDataByExtendedAddressesAndRefusesWhatItCannotUse)
     EXPECT_EQ(0x30000u, segments[1].address);
     EXPECT_EQ((std::vector<unsigned char>{0x11, 0xAA, 0xBB, 0xCC}), segments[1].bytes);
 
-    const struct {
-        std::string text;
-        std::string why;
-    } bad[] = {
+    const struct { std::string text; std::string why; } bad[] = {
         {":0200000011AA44\n:00000001FF\n", "b.hex line 1: checksum error"},
         {":0200000611AA3D\n:00000001FF\n", "b.hex line 1: record type it cannot use"},
         {"0200000011AA43\n", "b.hex line 1: not a record"},
@@ -70,11 +69,7 @@ TEST(IntelHex, PlacesDataByExtendedAddressesAndRefusesWhatItCannotUse)
 
 TEST(ProgressLine, ShowsBytesPercentRateAndTimeLeft)
 {
-    const struct {
-        uint64_t done, total;
-        double seconds;
-        const char* text;
-    } cases[] = {
+    const struct { uint64_t done, total; double seconds; const char* text; } cases[] = {
         {65536, 4194304, 1.0, "flash erase: 65536/4194304 bytes   1% 65.5 KB/s 1m03s left"},
         {2097152, 4194304, 20.0, "flash erase: 2097152/4194304 bytes  50% 104.9 KB/s 0m20s left"},
         {4194304, 4194304, 40.0, "flash erase: 4194304/4194304 bytes 100% 104.9 KB/s 0m00s left"},
@@ -83,6 +78,50 @@ TEST(ProgressLine, ShowsBytesPercentRateAndTimeLeft)
     };
     for (const auto& c : cases)
         EXPECT_EQ(c.text, ProgressLineText("flash", "erase", c.done, c.total, c.seconds));
+}
+
+// What a sink has written to its stream so far.
+std::string Written(std::FILE* stream)
+{
+    std::fflush(stream);
+    std::rewind(stream);
+    std::string text;
+    for (int c; (c = std::fgetc(stream)) != EOF;)
+        text += static_cast<char>(c);
+    return text;
+}
+
+// The terminal line is cleared only when something was drawn, and redrawn at once
+// for a new region or the last bytes. The JSON progress never goes back within a
+// region (a retried block starts over) and starts afresh in the next one.
+TEST(RunSinks, TheLineClearsOnlyWhatItDrewAndJsonProgressGoesBackOnlyInANewRegion)
+{
+    std::FILE* line = std::tmpfile();
+    {
+        ProgressLineSink sink(line);
+        sink.Clear();
+        EXPECT_EQ("", Written(line)) << "nothing drawn, nothing cleared";
+        sink.Progress("main", "write", 10, 100);
+        sink.Progress("ota", "write", 1, 100);
+        sink.Progress("ota", "write", 100, 100);
+    }
+    const std::string drawn = Written(line);
+    EXPECT_EQ(4, std::count(drawn.begin(), drawn.end(), '\r')) << "three lines and the clearing";
+    EXPECT_NE(std::string::npos, drawn.find("ota write: 100/100 bytes 100%")) << drawn;
+    EXPECT_EQ("\r\033[K", drawn.substr(drawn.size() - 4)) << "cleared when done";
+    std::fclose(line);
+
+    std::FILE* json = std::tmpfile();
+    JsonSink sink(json);
+    sink.Progress("main", "write", 60, 100);
+    sink.Progress("main", "write", 20, 100);
+    sink.Progress("ota", "write", 5, 100);
+    sink.Progress("ota", "write", 200, 100);
+    std::vector<uint64_t> done;
+    for (const std::string& event : TextLines(Written(json)))
+        done.push_back(nlohmann::json::parse(event)["done"].get<uint64_t>());
+    EXPECT_EQ((std::vector<uint64_t>{60, 60, 5, 100}), done);
+    std::fclose(json);
 }
 
 }  // namespace

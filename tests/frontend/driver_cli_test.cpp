@@ -236,11 +236,7 @@ TEST_F(DriverCli, CombineRefusesWhatWouldLoseAnInput)
     WriteBytes("junk.img", 300, 4);
     ASSERT_EQ(0, symlink("main.img", dir.File("alias.img").c_str()));
     const std::string longPath(300, 'x');
-    const struct {
-        std::vector<std::string> args;
-        const char* line;
-        int exitCode;
-    } cases[] = {
+    const struct { std::vector<std::string> args; const char* line; int exitCode; } cases[] = {
         {{"-G", "main.img"}, "Refused: the combine image file main.img is the image file main.img; nothing written\n", 2},
         {{"-G", "./etf.img"}, "Refused: the combine image file ./etf.img is the ETF image file etf.img; nothing written\n", 2},
         {{"-G", "alias.img"}, "Refused: the combine image file alias.img is the image file main.img", 2},

@@ -108,7 +108,10 @@ TEST(GetProfileNumbers, ConversionRules)
         EXPECT_FLOAT_EQ(c.asFloat, GetProfileFloat(&path[0], &section[0], &key[0], 2.5f)) << c.value;
     }
     WriteText(path, "");
-    EXPECT_EQ(3u, GetProfileHex(&path[0], &section[0], &key[0], 3.9f));  // truncated toward zero
+    // Defaults: truncated toward zero; negative ones wrap; beyond 32 bits, 0.
+    const std::pair<float, unsigned int> defaults[] = {{3.9f, 3u}, {-2.0f, 0xFFFFFFFEu}, {5e9f, 0u}, {-3e9f, 0u}};
+    for (const auto& d : defaults)
+        EXPECT_EQ(d.second, GetProfileHex(&path[0], &section[0], &key[0], d.first)) << d.first;
 }
 
 }  // namespace

@@ -42,11 +42,7 @@ TEST(LongOptions, HelpIsTheUsageFollowedByTheLongOptionsVersionIsOneLine)
 TEST(ExitCodes, OnlyWithTheOptionDoesTheStatusTellTheOutcome)
 {
     TempDir dir;
-    const struct {
-        const char* name;
-        std::vector<std::string> args;
-        int classic, withCode;
-    } cases[] = {
+    const struct { const char* name; std::vector<std::string> args; int classic, withCode; } cases[] = {
         {"unknown option", {"-x"}, 0, 2},
         {"report on missing images", {"-i", "none.img", "-I", "none2.img", "-s"}, 0, 3},
         {"debug road, device missing", {"-D", "r", "-c", "/nonexistent/tty"}, 255, 4},

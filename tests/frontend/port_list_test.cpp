@@ -61,10 +61,7 @@ TEST(PortList, TheToolListsTheMachinesPortsAndSucceeds)
 // ModemManager found by its process name.
 TEST(AdapterInfo, FamilyAndItsHighestDependableRate)
 {
-    const struct {
-        const char *vendor, *product, *family;
-        uint32_t maxRate;
-    } rows[] = {
+    const struct { const char *vendor, *product, *family; uint32_t maxRate; } rows[] = {
         {"0403", "6001", "FTDI FT232R", 3000000}, {"0403", "6099", "FTDI", 3000000},
         {"10C4", "EA60", "CP210x", 1000000},      {"1a86", "7523", "CH340", 921600},
         {"067b", "2303", "PL2303", 921600},       {"2e8a", "000a", "", 0},

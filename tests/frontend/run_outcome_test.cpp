@@ -8,11 +8,7 @@ namespace {
 
 TEST(RunOutcome, EachFailureKindGivesItsStatusAndMessage)
 {
-    const struct {
-        FailureKind kind;
-        int code;
-        const char* message;
-    } cases[] = {
+    const struct { FailureKind kind; int code; const char* message; } cases[] = {
         {FailureKind::kNone, 1, "failed"},  // failed without a class: still a failure
         {FailureKind::kOther, 1, "failed"},
         {FailureKind::kUsage, 2, "usage error"},

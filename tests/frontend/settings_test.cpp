@@ -116,11 +116,7 @@ TEST(ApplyOptions, OutcomesAndStopRules)
         EXPECT_EQ("Error operation:" + word + "\n", testing::internal::GetCapturedStdout());
         EXPECT_EQ(0u, g_Setting.iDebugOp);
     }
-    const struct {
-        std::vector<std::string> words;
-        OptionOutcome outcome;
-        const char* imagePath;
-    } cases[] = {
+    const struct { std::vector<std::string> words; OptionOutcome outcome; const char* imagePath; } cases[] = {
         {{"-h"}, OptionOutcome::kShowUsage, "tq-system.img"},
         {{"-v", "-i", "x.img"}, OptionOutcome::kShowUsage, "tq-system.img"},
         {{"-?"}, OptionOutcome::kShowUsage, "tq-system.img"},

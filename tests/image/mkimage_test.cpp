@@ -71,6 +71,12 @@ TEST_F(MkImage, BadArgumentsGiveUsageAndStatusOne)
         EXPECT_NE(std::string::npos, r.err.find("kestrel_mkimage")) << r.err;
     }
     EXPECT_TRUE(ReadFileBytes(dir.File("x.img")).empty());
+    // Asked for, the usage and the version end well, on standard output.
+    for (const char* asked : {"-h", "--version"}) {
+        ProcessResult r = Run({asked});
+        EXPECT_EQ(0, r.exitStatus) << asked;
+        EXPECT_NE(std::string::npos, r.out.find("kestrel_mkimage")) << asked << r.out;
+    }
 }
 
 }  // namespace

@@ -110,11 +110,7 @@ TEST(SerialReadPath, AMissingReplyIsGivenUpAfter101PollIntervalsOfItsRate)
 
 TEST(SerialReadPath, UnplugEndsTheReadAtOnceAndMarksTheLinkLost)
 {
-    struct Case {
-        const char* name;
-        bool fast;
-        bool hangUp;
-    };
+    struct Case { const char* name; bool fast; bool hangUp; };
     for (const Case& c : {Case{"EIO, polled", false, false}, Case{"EIO, fast link", true, false},
                           Case{"hang-up, polled", false, true}, Case{"hang-up, fast link", true, true}}) {
         SCOPED_TRACE(c.name);
@@ -139,10 +135,7 @@ TEST(SerialReadPath, UnplugEndsTheReadAtOnceAndMarksTheLinkLost)
 // Whatever the pieces a reply arrives in, the bytes are stored in order.
 TEST(SerialReadPath, AReplyArrivingInPiecesIsAssembledInOrder)
 {
-    struct Case {
-        bool fast;
-        size_t size, piece;
-    };
+    struct Case { bool fast; size_t size, piece; };
     for (const Case& c : {Case{false, 12, 5}, Case{true, 12, 1}, Case{true, 2060, 5}}) {
         SCOPED_TRACE(c.fast ? "fast link" : "polled");
         MemoryPort memory;

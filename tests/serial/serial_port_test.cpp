@@ -83,10 +83,7 @@ TEST_F(SerialPortTest, OpensARawNonBlockingLineWithOneStopBitAndNoParity)
 // and falls back to 115200.
 TEST_F(SerialPortTest, RatesSelectTheirSpeedConstantOrFallBackTo115200)
 {
-    struct RateCase {
-        unsigned int rate, used;
-        speed_t speed;
-    };
+    struct RateCase { unsigned int rate, used; speed_t speed; };
     std::vector<RateCase> cases = {{110, 110, B110},          {9600, 9600, B9600},
                                    {115200, 115200, B115200}, {230400, 230400, B230400},
                                    {500000, 115200, B115200}};

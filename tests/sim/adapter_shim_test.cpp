@@ -30,11 +30,7 @@ const std::vector<std::string> kInverted = {"D1+R0", "D0+R1", "R0"};
 
 TEST(AdapterShim, ResetSequencesReachTheBootRomOnlyOnTheMatchingWiring)
 {
-    const struct {
-        const char* wiring;
-        std::vector<std::string> sequence;
-        bool bootRom;
-    } cases[] = {
+    const struct { const char* wiring; std::vector<std::string> sequence; bool bootRom; } cases[] = {
         {"two-transistor-rts-reset", kClassic, true},
         {"two-transistor-rts-reset", kInverted, false},
         {"two-transistor-dtr-reset", kInverted, true},

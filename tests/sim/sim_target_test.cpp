@@ -13,10 +13,7 @@
 
 namespace {
 
-struct Param {
-    uint32_t value;
-    int size;
-};
+struct Param { uint32_t value; int size; };
 
 uint16_t WordSum(const Bytes& bytes)
 {
@@ -184,11 +181,7 @@ TEST(SimFrames, MalformedFramesAndDataPhasesGetTheMatchingErrorTypeAndStoreNothi
     // Checksum over the frame as it travels, not in host order.
     Bytes wireSummed = Frame(0x13, {{0x01010100, 4}});
     std::reverse(wireSummed.begin() + 13, wireSummed.end());
-    const struct {
-        const char* name;
-        Bytes frame;
-        int type;
-    } cases[] = {
+    const struct { const char* name; Bytes frame; int type; } cases[] = {
         {"checksum", badChecksum, 3},
         {"checksum over wire order", wireSummed, 3},
         {"body too long for opcode", Frame(0x18, {{0, 1}}), 4},
@@ -268,12 +261,7 @@ TEST(SimFlash, SectorsProgramByAndEraseSetsFFAndRangesEndAtTheConfiguredSize)
 // to the boot ROM. Only a plausible upload starts.
 TEST(SimLine, SetPcStartsOnlyAPlausibleUploadAndRebootEndsIt)
 {
-    const struct {
-        const char* name;
-        Bytes image;
-        uint32_t pc;
-        bool starts;
-    } cases[] = {
+    const struct { const char* name; Bytes image; uint32_t pc; bool starts; } cases[] = {
         {"plausible", BootLoaderImage(), 0x00010101, true},
         {"stack outside SRAM", BootLoaderImage(0x20001000), 0x00010101, false},
         {"reset vector without Thumb bit", BootLoaderImage(0x0007E000, 0x00010100), 0x00010100, false},

@@ -106,7 +106,12 @@ TEST_F(Gang, EveryBoardHasItsRowAndTheStatusIsZeroOnlyWhenAllSucceeded)
     // Each board writes its debug read file into its own folder.
     EXPECT_EQ("/x/read1", ReadText(dir.File("logs/x_read1/flash_A_0x0_L_0x200.bin")));
     EXPECT_EQ("/x/read2", ReadText(dir.File("logs/x_read2/flash_A_0x0_L_0x200.bin")));
-    EXPECT_EQ(0, access(dir.File("logs/x_ok1/stderr.txt").c_str(), F_OK));
+    // A board's error stream is kept as an ordinary file, rw-r--r-- before the umask.
+    struct stat info = {};
+    ASSERT_EQ(0, stat(dir.File("logs/x_ok1/stderr.txt").c_str(), &info));
+    const mode_t mask = umask(0);
+    umask(mask);
+    EXPECT_EQ(0644 & ~mask, info.st_mode & 07777);
 
     // How a result line and an exit status are judged is pinned in process; here the
     // real wait status of a crash and the last words of a tool that said nothing.

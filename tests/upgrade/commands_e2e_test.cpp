@@ -117,6 +117,11 @@ TEST(CommandsEndToEnd, VerifyComparesWithoutErasingOrWriting)
     EXPECT_EQ(std::vector<uint32_t>{0x10000}, regions[0]["blocks"].get<std::vector<uint32_t>>());
     EXPECT_EQ(0x12345, regions[0]["first_difference"]);
     EXPECT_EQ(true, regions[1]["equal"]);
+
+    // A read the target refuses is a failed flash command, not a difference.
+    ProcessResult refused = bench.Run({"-i", "main.img", "--verify", "--exit-code"}, {"--fault", "ReadSector:1:error2"});
+    EXPECT_EQ(6, refused.exitStatus) << refused.out;
+    EXPECT_TRUE(Has(refused.out, "Read failed at 0x00000000: ")) << refused.out;
 }
 
 // The ETF image is compared where the upgrade puts it: behind an OTA area that
@@ -179,13 +184,14 @@ TEST(CommandsEndToEnd, EraseAllErasesTheCapacityInUse)
 TEST(CommandsEndToEnd, WriteLeavesFlashEqualToTheModel)
 {
     UpgradeBench bench;
-    const Bytes a = PatternBytes(100000, 1), b = PatternBytes(300, 2);
+    // a.bin covers the block at 0x20000 whole: that block is not read first
+    const Bytes a = PatternBytes(0x20000, 1), b = PatternBytes(300, 2);
     bench.WriteFile("a.bin", a);
     bench.WriteFile("b.bin", b);
     WriteText(bench.Path("c.hex"), ":020000040030CA\n:0400100001020304E2\n:02000004003FBB\n:02FFF000AABBAA\n:00000001FF\n");
     ProcessResult r = bench.Run({"--write", "0x10100:a.bin", "--write", "256K:b.bin", "--write", "c.hex"});
     EXPECT_EQ(0, r.exitStatus) << r.out;
-    EXPECT_TRUE(Has(r.out, "Write a.bin at 0x00010100-0x0002879F OK!\n")) << r.out;
+    EXPECT_TRUE(Has(r.out, "Write a.bin at 0x00010100-0x000300FF OK!\n")) << r.out;
     Bytes expected = bench.InitialFlash();
     std::copy(a.begin(), a.end(), expected.begin() + 0x10100);
     std::copy(b.begin(), b.end(), expected.begin() + 0x40000);

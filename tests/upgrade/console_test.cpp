@@ -47,12 +47,7 @@ std::string Echo(const std::string& line)
 TEST(StopConsole, OnlyTheExactStopLineStops)
 {
     const std::string longLine(300, 'x');
-    const struct {
-        const char* what;
-        std::string input;
-        bool stops;
-        std::string output;
-    } cases[] = {
+    const struct { const char* what; std::string input; bool stops; std::string output; } cases[] = {
         {"stop first", "stop\n", true, ""},
         {"one line, then stop", "abc\nstop\n", true, Echo("abc\n")},
         {"case and blanks matter", "Stop\nstop \n stop\n", false, Echo("Stop\n") + Echo("stop \n") + Echo(" stop\n")},

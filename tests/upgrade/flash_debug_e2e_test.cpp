@@ -61,11 +61,7 @@ TEST(FlashDebugEndToEnd, EachOperationTouchesExactlyItsRange)
 // a read that failed part-way leaves neither its file nor the temporary behind.
 TEST(FlashDebugEndToEnd, FailuresEndTheToolWithStatus255AndLeaveFlashAndFolderAlone)
 {
-    const struct {
-        std::string fault;
-        std::vector<std::string> options;
-        std::string line;
-    } cases[] = {
+    const struct { std::string fault; std::vector<std::string> options; std::string line; } cases[] = {
         {"ReadSector:2:vanish", {"-D", "r", "-A", "0", "-L", "0x2000"},
          "Read failed: Cmd read sectors waits for ack timeout or comm error!\n"},
         {"EraseFlash:1:error3", {"-D", "e", "-A", "0", "-L", "0x100"}, "Erase failed: CMD checksum error!\n"},
@@ -99,8 +95,8 @@ TEST(FlashDebugEndToEnd, FailuresEndTheToolWithStatus255AndLeaveFlashAndFolderAl
 }
 
 // Settings keys reach what they steer: iSectorsPerCommand sets how many sectors one
-// read command of the fast link carries (0x2000 bytes = 16 sectors), bExitCode turns
-// the refusal's classic 255 into its class.
+// read command of the fast link carries (0x2000 bytes = 16 sectors; 15 is the most
+// it takes), bExitCode turns the refusal's classic 255 into its class.
 TEST(FlashDebugEndToEnd, LinkAndStatusKeysOfTheSettingsFileTakeEffect)
 {
     const struct {
@@ -110,7 +106,7 @@ TEST(FlashDebugEndToEnd, LinkAndStatusKeysOfTheSettingsFileTakeEffect)
     } cases[] = {
         {"[setting]\nbFastLink=1\niSectorsPerCommand=2\n", 8, 255},
         {"[setting]\nbFastLink=1\n", 4, 255},  // the fast link's default: four
-        {"[setting]\nbFastLink=1\niSectorsPerCommand=8\nbExitCode=1\n", 2, 2},
+        {"[setting]\nbFastLink=1\niSectorsPerCommand=15\nbExitCode=1\n", 2, 2},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.settings);

@@ -31,7 +31,7 @@ TEST(CheckFlashRegions, RefusesRegionsPastTheFlashOrOverlappingAndNamesThem)
         {{{"debug range", 0xFFFF0000u, 0x10001}}, 0,
          "Refused: debug range 0xFFFF0000-0x100000000 ends past the 32-bit flash address space"},
         // Empty regions never refuse.
-        {{{"main image", 0, 0}, {"OTA area", 0, 0x8000}, {"tail", k4M, 0}}, k4M, nullptr},
+        {{{"main image", 0x100, 0}, {"OTA area", 0, 0x8000}, {"tail", k4M, 0}, {"ETF image", 0x200, 0}}, k4M, nullptr},
     };
     for (const auto& c : cases) {
         std::string why;

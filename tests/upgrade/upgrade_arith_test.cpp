@@ -35,9 +35,7 @@ TEST(BlockPercent, FollowsTheProgressNumbering)
 
 TEST(GenerateOtaBuf, SlotCountGrowsWithTheAreaUpTo1024)
 {
-    const struct {
-        unsigned int size, slots;
-    } cases[] = {
+    const struct { unsigned int size, slots; } cases[] = {
         {2048, 62},    {32768, 993},     {33767, 1023},    {33768, 1024}, {2162663, 1024},
         {2162664, 0},  {2162697, 1},     {9, 1},           {0xFFFFFFFF, 1024},
     };
@@ -84,10 +82,7 @@ TEST(OtaArea, LayoutFollowsFromAddressAndSizeWord)
 
 TEST(OtaArea, RefusesAreasTheHeaderDoesNotFitOrBeyond4GiB)
 {
-    const struct {
-        uint32_t address, size;
-        bool accepted;
-    } cases[] = {
+    const struct { uint32_t address, size; bool accepted; } cases[] = {
         {0x00050100, 2048, true},       {0x00050100, 2047, false}, {0x000FFC00, 100, false},
         {0xFFFF0000, 0xFFFF, true},     {0xFFFF0000, 0x10000, false}, {0xFFFFF000, 0x8000, false},
     };
@@ -133,11 +128,7 @@ TEST(EtfPlacement, BehindTheOtaArea)
 
 TEST(EtfPlacement, RefusesImagesWithoutAPlaceOrWithoutData)
 {
-    const struct {
-        const char* what;
-        uint32_t otaAddress;
-        EtfSource source;
-    } cases[] = {
+    const struct { const char* what; uint32_t otaAddress; EtfSource source; } cases[] = {
         {"no OTA area", 0xFFFFFFFF, EtfSource{0, 164, 100000}},
         {"start wraps past 4 GiB", 0xFFFFC000, EtfSource{0, 164, 100000}},
         {"data run past 4 GiB", 0xFFFE0000, EtfSource{0, 164, 164 + 65536 + 65537}},
