@@ -24,8 +24,7 @@ struct LineBench {
     {
         image = MakeImage(1, {imageBytes}, 41);
         bench.WriteFile("main.img", image);
-        bench.toolLauncher = {"/usr/bin/env", std::string("LD_PRELOAD=") + KESTREL_ADAPTER_SHIM,
-                              "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1"};
+        bench.UseShim(KESTREL_ADAPTER_SHIM);
         if (modemLines)
             bench.toolLauncher.push_back("KESTREL_SHIM_MODEM=" + Channel());
         if (!shimSetting.empty())

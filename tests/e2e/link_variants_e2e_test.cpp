@@ -43,11 +43,7 @@ Outcome RunOnce(bool fastAndShaped, std::vector<std::string> args, const std::ve
     bench.WriteFile("main.img", mainImage);
     bench.WriteFile("etf.img", MakeImage(1, {4096, 9000}, 22));
     bench.WriteFile("data.bin", PatternBytes(0x8345, 13));
-    bench.toolLauncher = {"/usr/bin/env", std::string("LD_PRELOAD=") + KESTREL_ADAPTER_SHIM,
-                          // the sanitizer runtimes want to come first; the shim only
-                          // wraps write() and usleep()
-                          "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1",
-                          "KESTREL_SHIM_PAUSES=" + bench.PauseLog()};
+    bench.UseShim(KESTREL_ADAPTER_SHIM);
     if (fastAndShaped)
         args.insert(args.begin(), "--fast");
     else

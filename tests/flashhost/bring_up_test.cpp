@@ -18,8 +18,7 @@ const Step kFlashId = {0x18, 0xFFFFFFFF};
 const Step kUpload = {0x09, 0x00010000};
 const Step kStart = {0x13, 0x00010101};
 
-ksim::TargetConfig Target(unsigned char responder, bool romServesFlash, uint32_t syncFails = 0,
-                          size_t flashIdSize = 3)
+ksim::TargetConfig Target(unsigned char responder, bool romServesFlash, uint32_t syncFails = 0, size_t flashIdSize = 3)
 {
     ksim::TargetConfig config;
     config.responder = responder;
@@ -237,6 +236,29 @@ TEST_F(HostOnSim, CloseReturnsTheTargetTo115200AndKeepsTheText)
     size_t kept = log.find("]Write failed somewhere\n");
     EXPECT_NE(std::string::npos, kept);
     EXPECT_LT(kept, log.find("]Close uart!\n"));
+}
+
+// A rate is kept only when the proof read at it gives the reference sector back byte
+// for byte, its last byte too: a reply whose checksum is right but whose data is not
+// sends the negotiation one rate down.
+TEST(BringUp, NegotiationKeepsOnlyARateWhoseProofMatchesEveryByte)
+{
+    HostAndLink side(Target(2, true));
+    const Bytes pattern = PatternBytes(4096, 9);
+    side.link.Preload(0, pattern);
+    Bytes forged(pattern.begin(), pattern.begin() + 2048);
+    forged[511] ^= 0x01;
+    side.link.SetFaults({RawReplyFault("ReadSector", MakeAck(forged), 2)});  // the first read at 3000000
+    LinkProfile fast;
+    fast.fast = fast.autoBaud = true;
+    fast.ratePolicy = LinkProfile::kRefuseUnsupported;
+    side.host.SetLinkProfile(fast);
+    side.host.SetBaud(3000000);
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(0, side.host.OpenUart()) << side.host.m_strMsg;
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos, said.find("link: 2000000 bit/s, verified\n")) << said;
+    EXPECT_EQ(2000000u, side.link.TargetSpeed());
 }
 
 TEST(BringUp, UpgradeTextGoesOutAndThePortIsGivenBack)

@@ -86,8 +86,7 @@ TEST_F(HostLogTest, LinesCarryTheStampTheTitleAndTheDump)
     };
     for (const DumpCase& c : cases) {
         std::vector<unsigned char> bytes = c.bytes;
-        host.WriteLogBuf(c.title, bytes.empty() ? nullptr : bytes.data(),
-                         static_cast<unsigned int>(bytes.size()));
+        host.WriteLogBuf(c.title, bytes.empty() ? nullptr : bytes.data(), static_cast<unsigned int>(bytes.size()));
     }
     std::vector<std::string> lines = Lines(ReadText(path));
     ASSERT_EQ(4u, lines.size());

@@ -77,8 +77,7 @@ TEST_F(DriverCli, NoArgumentsShowsUsageThenTakesTheSettingsRoad)
 {
     WriteText(dir.File("settings_mac.ini"), "[comm]\nstrComDev=/nonexistent/tty\n");
     ProcessResult r = Run({});
-    std::string head = std::string(kUsage) +
-                       "--------------SETTING--------------\nCOM:/nonexistent/tty\nBaud:921600\n"
+    std::string head = std::string(kUsage) + "--------------SETTING--------------\nCOM:/nonexistent/tty\nBaud:921600\n"
                        "Log path:./log/log.txt\nLog level:0\n\nFlash debug mode:\n";
     EXPECT_EQ(head, r.out.substr(0, head.size()));
     EXPECT_FALSE(Has(r.out, "Image path:"));

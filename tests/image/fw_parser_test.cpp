@@ -65,6 +65,7 @@ TEST_F(FwParserTest, DataOfEverySizeAroundTheReadPieceIsChecked)
         EXPECT_EQ(64 + size, ImageSectionsLength(parser));
         image.back() ^= 0x10;
         EXPECT_EQ(-1, ParseBytes(image)) << size;
+        EXPECT_EQ(0u, ImageSectionsLength(parser)) << "a damaged image has no length";
     }
 }
 
@@ -105,8 +106,7 @@ TEST_F(FwParserTest, ShortReadsAtTheEndOfTheFile)
 
     // Data claimed beyond the end: the last piece read stands in for each missing one.
     std::vector<uint8_t> piece = PatternBytes(16384, 3);
-    uint16_t sum = static_cast<uint16_t>(3 * Sum16Words(piece.data(), 16384) +
-                                         Sum16Words(piece.data(), 2));
+    uint16_t sum = static_cast<uint16_t>(3 * Sum16Words(piece.data(), 16384) + Sum16Words(piece.data(), 2));
     image = SectionBytes({}, kLastSection);
     StoreLe32(image.data() + kOffDataSize, 3 * 16384 + 2);
     StoreLe16(image.data() + kOffDataChecksum, static_cast<uint16_t>(0xFFFF - sum));

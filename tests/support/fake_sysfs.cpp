@@ -110,8 +110,7 @@ bool MakeFakeAdapter(const std::string& root, const std::string& ptyPath, const 
     struct stat device;
     if (ok && stat(ptyPath.c_str(), &device) == 0)
         ok = Link(root, "sys/dev/char/" + std::to_string(major(device.st_rdev)) + ":" +
-                            std::to_string(minor(device.st_rdev)),
-                  tty);
+                            std::to_string(minor(device.st_rdev)), tty);
     const std::string byId = "usb-" + adapter.manufacturer + "_" + adapter.productName + "_" + adapter.serial +
                              (IsAcm(adapter) ? "-if00" : "-if00-port0");
     return ok && MakeFolders(root, "dev/serial/by-id") &&

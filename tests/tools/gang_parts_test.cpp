@@ -41,6 +41,8 @@ TEST(GangEvents, ThePercentIsCappedAndTheRateIsLiveForEachRegion)
         {12, R"({"event":"region","region":"main","bytes":100000,"seconds":2,"kbytes_per_s":55.5})", "main done", 100, 55.5},
         {13, R"({"event":"progress","region":"ota","phase":"erase","done":0,"total":2048})", "ota erase", 0, 0},
         {15, R"({"event":"progress","region":"ota","phase":"write","done":2048,"total":2048})", "ota write", 100, 1.024},
+        // a retried block back at the region's start: the last rate stays shown
+        {15.5, R"({"event":"progress","region":"ota","phase":"write","done":0,"total":2048})", "ota write", 0, 1.024},
         {15, R"({"event":"progress","region":7,"phase":null,"done":"x"})", " ", 0, 0},  // wrong types: ignored fields
         {16, "not json", " ", 0, 0},
     };

@@ -41,6 +41,8 @@ case $name in
        [ "$line" = stop ] && echo '{"event":"result","ok":false,"exit_code":8,"message":"stopped by the user","seconds":1,"bytes":0}'
        exit 8 ;;
   deaf*) read line; touch "$(dirname "$0")/heard-$name"; sleep 30; exit 0 ;;
+  stubborn*) trap 'touch "$(dirname "$0")/termed-$name"' TERM
+       read line; touch "$(dirname "$0")/heard-$name"; while :; do sleep 1 & wait $!; done ;;
 esac
 )SH";
 
@@ -182,18 +184,28 @@ TEST_F(Gang, ACtrlCAtTheTerminalStopsEveryBoardInsteadOfKillingIt)
     EXPECT_FALSE(Marked("started-ok3"));
 }
 
-TEST_F(Gang, ASecondCtrlCEndsABoardThatDoesNotAnswerStop)
+// Each Ctrl-C takes a board one step further: "stop" typed, then SIGTERM, then SIGKILL
+// for one that outlives SIGTERM too.
+TEST_F(Gang, EachFurtherCtrlCEndsABoardThatDoesNotAnswerStopHarder)
 {
-    pid_t pid = StartInItsOwnGroup(Args({"/x/deaf1"}));
-    ASSERT_TRUE(WaitForMarks({"started-deaf1"}));
-    kill(-pid, SIGINT);
-    ASSERT_TRUE(WaitForMarks({"heard-deaf1"}));
-    kill(-pid, SIGINT);
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    nlohmann::json board = Report()["boards"][0];
-    EXPECT_EQ(run_event::kExitStopped, board["exit_code"]);
-    EXPECT_EQ("stopped: no answer to stop, ended by signal 15", board["message"]);
+    const struct { const char* port; std::vector<std::string> marks; const char* message; } rows[] = {
+        {"/x/deaf1", {"heard-deaf1"}, "stopped: no answer to stop, ended by signal 15"},
+        {"/x/stubborn1", {"heard-stubborn1", "termed-stubborn1"}, "stopped: no answer to stop, ended by signal 9"},
+    };
+    for (const auto& row : rows) {
+        pid_t pid = StartInItsOwnGroup(Args({row.port}));
+        ASSERT_TRUE(WaitForMarks({"started-" + std::string(row.port + 3)}));
+        for (const std::string& mark : row.marks) {
+            kill(-pid, SIGINT);
+            ASSERT_TRUE(WaitForMarks({mark})) << mark;
+        }
+        kill(-pid, SIGINT);
+        int status = 0;
+        ASSERT_EQ(pid, waitpid(pid, &status, 0));
+        nlohmann::json board = Report()["boards"][0];
+        EXPECT_EQ(run_event::kExitStopped, board["exit_code"]);
+        EXPECT_EQ(row.message, board["message"]);
+    }
 }
 
 // The real tool on three simulated boards, one of which never answers: two rows

@@ -175,6 +175,7 @@ TEST(CommandsEndToEnd, EraseAllErasesTheCapacityInUse)
         std::fill(expected.begin(), expected.begin() + c.erasedBytes, 0xFF);
         EXPECT_EQ(-1, FirstDifference(bench.Flash(), expected));
         EXPECT_EQ(c.erasedBytes / kBlock, CountFramesReceived(bench.Trace(), kOpEraseFlash));
+        EXPECT_EQ(1u, CountFramesReceived(bench.Trace(), 0x10, "921600")) << "the target sent back to 115200";
     }
 }
 

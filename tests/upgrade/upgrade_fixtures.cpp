@@ -32,8 +32,7 @@ UpgradeBench::UpgradeBench() : m_initialFlash(PatternBytes(kFlashSize, 99))
     WriteText(Path("settings_mac.ini"), "[debug]\niDebugOp=n\n");
 }
 
-ProcessResult UpgradeBench::Run(const std::vector<std::string>& toolArgs,
-                                const std::vector<std::string>& simArgs,
+ProcessResult UpgradeBench::Run(const std::vector<std::string>& toolArgs, const std::vector<std::string>& simArgs,
                                 const std::string& stdinText, bool keepConsoleOpen)
 {
     std::vector<std::string> simCommand = {"--flash", Path("flash.bin"), "--trace", Path("trace.txt")};
@@ -135,4 +134,11 @@ std::string WithoutDevicePaths(const std::string& text)
 size_t UpgradeBench::PausesOf(unsigned int us) const
 {
     return CountOccurrences(ReadText(PauseLog()), "usleep " + std::to_string(us) + "\n");
+}
+
+void UpgradeBench::UseShim(const std::string& shimPath)
+{
+    // The sanitizer runtimes want to come first; the shim only wraps libc calls.
+    toolLauncher = {"/usr/bin/env", "LD_PRELOAD=" + shimPath, "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1",
+                    "KESTREL_SHIM_PAUSES=" + PauseLog()};
 }

@@ -37,6 +37,9 @@ public:
     // When set, the tool is started through this command (for example
     // {"/usr/bin/env", "LD_PRELOAD=..."}), with the tool's path and arguments after it.
     std::vector<std::string> toolLauncher;
+    // Starts the tool with the adapter shim at `shimPath` preloaded (writes shaped,
+    // pauses logged to PauseLog()); more KESTREL_SHIM_ settings can follow.
+    void UseShim(const std::string& shimPath);
 
     const Bytes& InitialFlash() const { return m_initialFlash; }
     Bytes Flash() const { return ReadFileBytes(Path("flash.bin")); }

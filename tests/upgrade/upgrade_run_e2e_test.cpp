@@ -79,6 +79,8 @@ TEST(UpgradeRun, FaultsAreRetriedFallBackTo115200AndAbortAfterFiveAttempts)
     } cases[] = {
         {70000, {"-r", "1"}, {"--fault", "WriteSector:5:error2"}, "Write the 1 block error ! Total 1 block(s)!\n", 1,
          true, ""},
+        // a main image's full block adds the host's message to an erase error
+        {70000, {}, {"--fault", "EraseFlash:1:error2"}, "Erase the 1 block error ! Total 1 block(s)!\nmsg:", 1, true, ""},
         {3000, {"-r", "1", "-b", "921600"}, {"--fault", "WriteSector:every:error2@921600"},
          "Write rest data of 64k error!\n", 4, true, "92%: Writing rest data of 64k...\n"},
         {3000, {"-b", "115200"}, {"--fault", "EraseFlash:every:error3"}, "Erase rest data of 64k error!\n", 5, false,
