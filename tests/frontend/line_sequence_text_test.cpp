@@ -80,12 +80,7 @@ TEST(LineSequenceText, LengthIsBoundedByTheFixedList)
 
 TEST(LineSequenceText, AfterActions)
 {
-    struct AfterRow {
-        const char* text;
-        bool valid;
-        LinkProfile::AfterAction action;
-        unsigned int steps;
-    } rows[] = {
+    struct AfterRow { const char* text; bool valid; LinkProfile::AfterAction action; unsigned int steps; } rows[] = {
         {"", true, LinkProfile::kAfterStay, 0},
         {"stay", true, LinkProfile::kAfterStay, 0},
         {"none", true, LinkProfile::kAfterStay, 0},

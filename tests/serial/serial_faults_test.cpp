@@ -83,13 +83,7 @@ TEST(SerialWritePath, PartialWritesAndTransientErrorsAreFinishedHardErrorsAreNot
 // the line instead of pausing. Measured on the port's clock.
 TEST(SerialReadPath, AMissingReplyIsGivenUpAfter101PollIntervalsOfItsRate)
 {
-    const struct {
-        bool fast;
-        unsigned int baud;
-        uint64_t elapsedUs;
-        size_t pauses;
-        unsigned int pauseUs;
-    } cases[] = {
+    const struct { bool fast; unsigned int baud; uint64_t elapsedUs; size_t pauses; unsigned int pauseUs; } cases[] = {
         {false, 921600, 505000, 101, 5000},   {false, 115200, 2020000, 101, 20000},
         {false, 2000000, 2020000, 101, 20000}, {true, 921600, 505000, 0, 0},
         {true, 3000000, 2020000, 0, 0},

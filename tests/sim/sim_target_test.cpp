@@ -367,10 +367,7 @@ TEST(SimWiring, ResetStartsTheChipOverAndRebootSamplesTheStrap)
 TEST(SimLine, FirmwareAnswersOnlyAfterTheWholeUpgradeTextAndOnAWiredBoardOnlyWhenAskedTo)
 {
     const Bytes upgrade = {'u', 'p', 'g', 'r', 'a', 'd', 'e', '\n', 0x00};
-    const struct {
-        ksim::TargetConfig config;
-        bool heeds;
-    } cases[] = {{Wired(ksim::Wiring::None, false, true), true},
+    const struct { ksim::TargetConfig config; bool heeds; } cases[] = {{Wired(ksim::Wiring::None, false, true), true},
                  {Wired(ksim::Wiring::TwoTransistorRtsReset, false, true), true},
                  {Wired(ksim::Wiring::TwoTransistorRtsReset), false}};
     for (const auto& c : cases) {

@@ -28,13 +28,7 @@ GangClock::time_point At(double seconds)
 
 TEST(GangEvents, ThePercentIsCappedAndTheRateIsLiveForEachRegion)
 {
-    const struct {
-        double at;
-        const char* line;
-        const char* phase;
-        double percent;
-        double kbPerS;
-    } steps[] = {
+    const struct { double at; const char* line; const char* phase; double percent; double kbPerS; } steps[] = {
         {10, R"({"event":"progress","region":"main","phase":"check","done":0,"total":100000})", "main check", 0, 0},
         {11, R"({"event":"progress","region":"main","phase":"write","done":50000,"total":100000})", "main write", 50, 50},
         {12, R"({"event":"progress","region":"main","phase":"done","done":120000,"total":100000})", "main done", 100, 60},

@@ -140,6 +140,12 @@ TEST_F(Gang, EveryBoardHasItsRowAndTheStatusIsZeroOnlyWhenAllSucceeded)
     }
     EXPECT_EQ(100, report["boards"][0]["bytes"]);
     EXPECT_EQ(dir.File("logs/x_crash1"), report["boards"][1]["folder"]);
+
+    // A report the disk does not take (its bytes are buffered, the close fails) fails the run.
+    Gang::report = "/dev/full";  // the member, not the report read above
+    ProcessResult full = RunProcess(GangPath(), Args({"/x/ok1"}));
+    EXPECT_EQ(1, full.exitStatus);
+    EXPECT_TRUE(Has(full.err, "cannot write /dev/full")) << full.err;
 }
 
 TEST_F(Gang, BadRequestsAreRefusedBeforeAnyBoardIsTouched)

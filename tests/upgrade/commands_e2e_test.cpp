@@ -82,6 +82,11 @@ TEST(CommandsEndToEnd, InfoShowsIdentifierCapacityResponderAndRate)
     EXPECT_EQ(2, info["responder"]);
     EXPECT_EQ(false, info["boot_loader"]);
     EXPECT_EQ(bench.InitialFlash(), bench.Flash());
+
+    // No device: the upgrade text's failure is told, then the connection's.
+    ProcessResult none = RunProcess(ToolPath(), {"--info", "-c", bench.Path("ttyNone")}, {bench.Path("")});
+    EXPECT_EQ(255, none.exitStatus);
+    EXPECT_EQ(2u, CountOccurrences(none.out, "Open uart error!")) << none.out;
 }
 
 // Flash that holds exactly what the upgrade would write; then one byte changed.

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/cleanup_files.h"
 #include "upgrade/run_state.h"
 
 namespace {
@@ -59,6 +60,22 @@ TEST(LoadBlockFromFile, PadsWithTheErasedValueAndRefusesShortFiles)
         }
     }
     std::fclose(file);
+}
+
+// The files a second Ctrl-C removes are kept in a table of four places: a fifth, or
+// a name too long for a place, is refused rather than written past it, and a freed
+// place is taken again.
+TEST(CleanupFiles, AFullTableRefusesAndAFreedPlaceIsTakenAgain)
+{
+    int slots[kCleanupSlots];
+    for (int& slot : slots)
+        EXPECT_GE(slot = RegisterCleanupFile("a"), 0);
+    EXPECT_EQ(-1, RegisterCleanupFile("b"));
+    ForgetCleanupFile(slots[2]);
+    EXPECT_EQ(-1, RegisterCleanupFile(std::string(kCleanupNameSize, 'x').c_str()));
+    EXPECT_EQ(slots[2], RegisterCleanupFile("c"));
+    for (int slot : slots)
+        ForgetCleanupFile(slot);
 }
 
 }  // namespace

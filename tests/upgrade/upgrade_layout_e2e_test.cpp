@@ -49,10 +49,9 @@ TEST(OtaAreaRun, LeavesHeaderAndErasedAreaAndNothingElseChanged)
         bench.UseShim(KESTREL_ADAPTER_SHIM);
         const Bytes image = MakeImage(2, {3000, 2000}, 20, c.size, c.address);
         bench.WriteFile("main.img", image);
-        std::vector<std::string> simArgs;
-        if (c.failedInnerErase != 0)
-            simArgs = {"--fault", "EraseFlash:3:error3"};
-        ProcessResult run = bench.Run({"-i", "main.img", "-u", "0", "-r", "1"}, simArgs);
+        const std::vector<std::string> fault = {"--fault", "EraseFlash:3:error3"};
+        ProcessResult run =
+            bench.Run({"-i", "main.img", "-u", "0", "-r", "1"}, c.failedInnerErase ? fault : std::vector<std::string>());
         ASSERT_EQ(run.exitStatus, 0) << run.out;
         ExpectLines(run.out, {"95%: Writing OTA data1...\n", "100%: Upgrade OK!\n"});
         EXPECT_EQ(CountOccurrences(run.out, "96%: Erasing OTA data2...\n"), c.innerErases);
@@ -178,12 +177,7 @@ TEST(UpgradeRefusal, RegionsThatDoNotFitAreRefusedBeforeTheFirstErase)
     badEtf[0] ^= 0xFF;  // the ETF part's magic
     const Bytes fits = MakeImage(2, {1500, 70000}, 40, 32768, 0x001F8000);
     auto combine = [](Bytes a, const Bytes& b) { a.insert(a.end(), b.begin(), b.end()); return a; };
-    const struct {
-        const char* name;
-        Bytes image;
-        std::vector<std::string> args;
-        const char* line;
-    } cases[] = {
+    const struct { const char* name; Bytes image; std::vector<std::string> args; const char* line; } cases[] = {
         {"main.img", MakeImage(2, {1500, 200000}, 40, 32768, 0x00010000), {},
          "Refused: main image 0x00000000-0x0003139B overlaps OTA area 0x00010000-0x00017FFF\n"},
         {"main.img", MakeImage(1, {kFlashSize}, 42), {},
