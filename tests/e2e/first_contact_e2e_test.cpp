@@ -70,7 +70,10 @@ TEST(ResetSequence, ReachesTheBootRomOnlyWithTheSequenceForTheWiring)
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.wiring) + (c.toolArgs.empty() ? "" : " " + c.toolArgs[1]));
         LineBench line(true);
-        ProcessResult r = line.Run(c.toolArgs, {"--wiring", c.wiring});
+        std::vector<std::string> args = {"-d", "1", "-l", line.bench.Path("host.log")};
+        args.insert(args.end(), c.toolArgs.begin(), c.toolArgs.end());
+        ProcessResult r = line.Run(args, {"--wiring", c.wiring});
+        EXPECT_EQ(!c.toolArgs.empty(), Has(ReadText(line.bench.Path("host.log")), "]Modem lines: reset sequence done\n"));
         EXPECT_EQ(c.reachesBootRom, Has(line.bench.Trace(), "event reset boot-rom"));
         EXPECT_TRUE(Has(r.out, c.reachesBootRom ? "Upgrade OK!" : "Synchron1 error!")) << r.out << r.err;
         EXPECT_EQ(c.reachesBootRom, line.Programmed());

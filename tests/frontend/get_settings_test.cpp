@@ -84,7 +84,6 @@ TEST(GetProfileNumbers, ConversionRules)
     // hexadecimal text as well.
     const NumberCase cases[] = {
         {"<none>", 77, 512, 2.5f},
-        {"", 0, 0, 0.0f},
         {"   ", 0, 0, 0.0f},
         {"abc", 0, 0xC, 0.0f},
         {"12abc", 12, 0xABC, 12.0f},
@@ -93,6 +92,7 @@ TEST(GetProfileNumbers, ConversionRules)
         {"0X1f", 0, 31, 31.0f},
         {"0x200", 0, 512, 512.0f},
         {"1000", 1000, 0, 1000.0f},
+        {"", 0, 0, 0.0f},  // nothing left over from the value before
         {"0x", 0, 0, 0.0f},
         {"0x1FFFFFFFF", 0, 0xFFFFFFFF, 8589934591.0f},
         {"1.5", 1, 5, 1.5f},

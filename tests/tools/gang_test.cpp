@@ -36,13 +36,14 @@ case $name in
        echo "$ok"; exit 0 ;;
   read*) printf %s "$port" > flash_A_0x0_L_0x200.bin; echo "$ok"; exit 0 ;;
   crash*) kill -SEGV $$ ;;
+  utf*) echo '{"event":"result","ok":true,"exit_code":0,"message":"prêt à l’emploi","seconds":1,"bytes":1}'; exit 0 ;;
   silent*) echo "lost the line" >&2; exit 3 ;;
   wait*) read line
        [ "$line" = stop ] && echo '{"event":"result","ok":false,"exit_code":8,"message":"stopped by the user","seconds":1,"bytes":0}'
        exit 8 ;;
   deaf*) read line; touch "$(dirname "$0")/heard-$name"; sleep 30; exit 0 ;;
   stubborn*) trap 'touch "$(dirname "$0")/termed-$name"' TERM
-       read line; touch "$(dirname "$0")/heard-$name"; while :; do sleep 1 & wait $!; done ;;
+       read line; touch "$(dirname "$0")/heard-$name"; for i in $(seq 60); do sleep 1 & wait $!; done ;;
 esac
 )SH";
 
@@ -93,6 +94,17 @@ protected:
         }
         setpgid(pid, pid);
         return pid;
+    }
+    // Whether the gang started so ends within 20 s; if not, its group is killed, so
+    // that a gang that never ends fails the test instead of hanging it.
+    bool Ends(pid_t pid, int& status)
+    {
+        for (int i = 0; i < 400; ++i, usleep(50000))
+            if (waitpid(pid, &status, WNOHANG) == pid)
+                return true;
+        kill(-pid, SIGKILL);
+        waitpid(pid, &status, 0);
+        return false;
     }
 
     TempDir dir;
@@ -146,6 +158,14 @@ TEST_F(Gang, EveryBoardHasItsRowAndTheStatusIsZeroOnlyWhenAllSucceeded)
     ProcessResult full = RunProcess(GangPath(), Args({"/x/ok1"}));
     EXPECT_EQ(1, full.exitStatus);
     EXPECT_TRUE(Has(full.err, "cannot write /dev/full")) << full.err;
+    // The report keeps the tool's text as it came (UTF-8), not escaped.
+    Gang::report = dir.File("report.json");
+    EXPECT_EQ(0, RunProcess(GangPath(), Args({"/x/utf1"})).exitStatus);
+    EXPECT_TRUE(Has(ReadText(Gang::report), "\"prêt à l’emploi\"")) << ReadText(Gang::report);
+    // Started with its standard input closed, the gang reads its first board through descriptor 0.
+    ProcessResult closedIn = RunProcess("/bin/sh", {"-c", "exec 0<&-; exec \"$0\" \"$@\"", GangPath(), "--tool",
+                                                    tool, "--log-dir", dir.File("logs"), "/x/ok1"});
+    EXPECT_EQ(0, closedIn.exitStatus) << closedIn.out << closedIn.err;
 }
 
 TEST_F(Gang, BadRequestsAreRefusedBeforeAnyBoardIsTouched)
@@ -177,7 +197,7 @@ TEST_F(Gang, ACtrlCAtTheTerminalStopsEveryBoardInsteadOfKillingIt)
     ASSERT_TRUE(WaitForMarks({"started-wait1", "started-wait2"}));
     kill(-pid, SIGINT);
     int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    ASSERT_TRUE(Ends(pid, status));
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(1, WEXITSTATUS(status));
     nlohmann::json report = Report();
@@ -207,7 +227,7 @@ TEST_F(Gang, EachFurtherCtrlCEndsABoardThatDoesNotAnswerStopHarder)
         }
         kill(-pid, SIGINT);
         int status = 0;
-        ASSERT_EQ(pid, waitpid(pid, &status, 0));
+        ASSERT_TRUE(Ends(pid, status));
         nlohmann::json board = Report()["boards"][0];
         EXPECT_EQ(run_event::kExitStopped, board["exit_code"]);
         EXPECT_EQ(row.message, board["message"]);
