@@ -185,8 +185,7 @@ TEST(BringUpTexts, WhatThePortFoundIsPrintedByTheHost)
     refusing.link.refusedRates = {921600};
     refusing.host.SetBaud(921600);
     const std::string refused = CapturedStdout([&] { EXPECT_EQ(-1, refusing.host.OpenUart()); });
-    EXPECT_EQ(0u, refused.find("ERR: speed change: the serial port sim does not take 921600 bit/s!\r\n"))
-        << refused;
+    EXPECT_EQ(0u, refused.find("ERR: speed change: the serial port sim does not take 921600 bit/s!\r\n")) << refused;
     EXPECT_EQ("Change uart baud error!", refusing.host.m_strMsg);
     EXPECT_EQ(FailureKind::kNoAnswer, refusing.host.m_failKind);
 
@@ -195,8 +194,7 @@ TEST(BringUpTexts, WhatThePortFoundIsPrintedByTheHost)
     unlisted.host.SetBaud(500000);
     const std::string list = CapturedStdout([&] { unlisted.host.OpenUart(); });
     EXPECT_EQ(0u, list.find("Baud should be one of the values below:\r\n110 300 600 1200 2400 4800 "
-                            "9600 19200 38400 57600 115200 230400 921600 "))
-        << list;
+                            "9600 19200 38400 57600 115200 230400 921600 ")) << list;
 }
 
 // The identifier read at the connection, and the capacity its last byte gives.

@@ -39,8 +39,7 @@ TEST_F(HostOnSim, ReadFlashLengthSplitsTheRangeIntoSectorCommands)
         uint32_t next = c.firstSector;
         for (size_t i = 0; i < reads.size(); ++i) {
             EXPECT_EQ(next, reads[i].Param32(0)) << "command " << i;
-            EXPECT_EQ(i + 1 < reads.size() ? c.perCommand : c.lastCount, reads[i].Param32(4))
-                << "command " << i;
+            EXPECT_EQ(i + 1 < reads.size() ? c.perCommand : c.lastCount, reads[i].Param32(4)) << "command " << i;
             next += reads[i].Param32(4);
         }
         // Whole sectors travel, but only the bytes asked for land in the buffer.

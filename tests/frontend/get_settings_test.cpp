@@ -66,8 +66,7 @@ TEST(GetProfileString, LookupFollowsTheLineRules)
         {"30-character section", "[" + sect30 + "]\nkey=v\n", sect30, "key", -1, "DEF"},
     };
     for (const StringCase& c : cases) {
-        EXPECT_EQ(std::make_pair(c.result, c.value), LookupString(c.text, c.section, c.key))
-            << c.name;
+        EXPECT_EQ(std::make_pair(c.result, c.value), LookupString(c.text, c.section, c.key)) << c.name;
     }
 }
 

@@ -19,8 +19,7 @@ TEST(SimOptions, ValuesAreParsedWhole)
     std::string error;
     ASSERT_TRUE(Parse({"--flash-size", "0x100000", "--flash-id", "ef4018", "--wiring", "direct-dtr-reset",
                        "--line-active", "high", "--bit-error-rate", "1e-4", "--seed", "0x10"},
-                      options, error))
-        << error;
+                      options, error)) << error;
     EXPECT_EQ(options.flashSize, 0x100000u);
     EXPECT_EQ(options.flashId, (std::vector<uint8_t>{0xEF, 0x40, 0x18}));
     EXPECT_EQ(options.wiring, ksim::Wiring::DirectDtrReset);

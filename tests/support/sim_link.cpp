@@ -24,8 +24,7 @@ uint32_t SimCommand::Param32(size_t offset) const
     return frame.size() >= at + 4 ? ksim::LoadBe32(&frame[at]) : 0xFFFFFFFFu;
 }
 
-SimLink::SimLink(const ksim::TargetConfig& config)
-    : m_target(config, m_flash, m_faults, m_trace)
+SimLink::SimLink(const ksim::TargetConfig& config) : m_target(config, m_flash, m_faults, m_trace)
 {
     std::string error;
     EXPECT_TRUE(m_flash.Open("", kFlashSize, error)) << error;

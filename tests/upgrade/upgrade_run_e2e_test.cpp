@@ -33,8 +33,7 @@ TEST(UpgradeRun, FullRunThenUnchangedRunChecksOnlyThenOnlyTheChangedBlockIsRewri
     ProcessResult first = bench.Run({"-i", "main.img", "-u", "0", "-r", "1"});
     ASSERT_EQ(first.exitStatus, 0) << first.out << first.err;
     EXPECT_EQ(ProgressPercents(first.out),
-              (std::vector<int>{3, 10, 16, 23, 30, 36, 43, 50, 56, 63, 70, 76, 83, 91, 92, 93, 94, 100}))
-        << first.out;
+              (std::vector<int>{3, 10, 16, 23, 30, 36, 43, 50, 56, 63, 70, 76, 83, 91, 92, 93, 94, 100})) << first.out;
     for (const char* line : {"not Combined image!!\n", "\n3%: Opening com...\n",
                              "\n16%: Writing the 1 block,total 3 block(s)...\n",
                              "\n94%: Verifying rest data of 64k...\n", "\n100%: Upgrade OK!\n"})
