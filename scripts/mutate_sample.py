@@ -98,9 +98,12 @@ def tokenize(src):
     def newline_count(a, b):
         return src.count("\n", a, b)
 
-    def comment_end(a):
-        """Where the comment starting at a ends (a line comment ends before its
-        newline), or None when no comment starts there."""
+    def unseen_end(a):
+        """Where text the compiler does not see, starting at a, ends: a backslash
+        joining two lines, or a comment (a line comment ends before its newline).
+        None when neither starts there."""
+        if src.startswith("\\\n", a):
+            return a + 2
         if src.startswith("//", a):
             b = src.find("\n", a)
             return n if b < 0 else b
@@ -120,11 +123,7 @@ def tokenize(src):
         if c in " \t\r\f\v":
             i += 1
             continue
-        if c == "\\" and i + 1 < n and src[i + 1] == "\n":
-            i += 2
-            line += 1
-            continue
-        j = comment_end(i)
+        j = unseen_end(i)
         if j is not None:
             line += newline_count(i, j)
             i = j
@@ -134,11 +133,7 @@ def tokenize(src):
             # may hide a newline too.
             j = i
             while j < n and src[j] != "\n":
-                if src[j] == "\\" and j + 1 < n and src[j + 1] == "\n":
-                    j += 2
-                    line += 1
-                    continue
-                k = comment_end(j)
+                k = unseen_end(j)
                 if k is not None:
                     line += newline_count(j, k)
                     j = k

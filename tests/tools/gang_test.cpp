@@ -58,12 +58,12 @@ protected:
 
     std::vector<std::string> Args(std::vector<std::string> ports)
     {
-        std::vector<std::string> args = {"--tool", tool, "--log-dir", dir.File("logs"), "--report", report};
+        std::vector<std::string> args = {"--tool", tool, "--log-dir", dir.File("logs"), "--report", reportPath};
         args.insert(args.end(), ports.begin(), ports.end());
         return args;
     }
 
-    nlohmann::json Report() { return nlohmann::json::parse(std::ifstream(report), nullptr, false); }
+    nlohmann::json Report() { return nlohmann::json::parse(std::ifstream(reportPath), nullptr, false); }
 
     bool Marked(const std::string& name) { return access(dir.File(name).c_str(), F_OK) == 0; }
 
@@ -109,7 +109,7 @@ protected:
 
     TempDir dir;
     std::string tool;
-    std::string report = dir.File("report.json");
+    std::string reportPath = dir.File("report.json");
 };
 
 TEST_F(Gang, EveryBoardHasItsRowAndTheStatusIsZeroOnlyWhenAllSucceeded)
@@ -154,14 +154,14 @@ TEST_F(Gang, EveryBoardHasItsRowAndTheStatusIsZeroOnlyWhenAllSucceeded)
     EXPECT_EQ(dir.File("logs/x_crash1"), report["boards"][1]["folder"]);
 
     // A report the disk does not take (its bytes are buffered, the close fails) fails the run.
-    Gang::report = "/dev/full";  // the member, not the report read above
+    reportPath = "/dev/full";
     ProcessResult full = RunProcess(GangPath(), Args({"/x/ok1"}));
     EXPECT_EQ(1, full.exitStatus);
     EXPECT_TRUE(Has(full.err, "cannot write /dev/full")) << full.err;
     // The report keeps the tool's text as it came (UTF-8), not escaped.
-    Gang::report = dir.File("report.json");
+    reportPath = dir.File("report.json");
     EXPECT_EQ(0, RunProcess(GangPath(), Args({"/x/utf1"})).exitStatus);
-    EXPECT_TRUE(Has(ReadText(Gang::report), "\"prêt à l’emploi\"")) << ReadText(Gang::report);
+    EXPECT_TRUE(Has(ReadText(reportPath), "\"prêt à l’emploi\"")) << ReadText(reportPath);
     // Started with its standard input closed, the gang reads its first board through descriptor 0.
     ProcessResult closedIn = RunProcess("/bin/sh", {"-c", "exec 0<&-; exec \"$0\" \"$@\"", GangPath(), "--tool",
                                                     tool, "--log-dir", dir.File("logs"), "/x/ok1"});
@@ -179,7 +179,7 @@ TEST_F(Gang, BadRequestsAreRefusedBeforeAnyBoardIsTouched)
     ProcessResult linked = RunProcess(GangPath(), Args({dir.File("ok2"), dir.File("ok3")}));
     EXPECT_EQ(2, linked.exitStatus);
     EXPECT_TRUE(Has(linked.err, dir.File("ok3") + " is named twice (as " + dir.File("ok2") + ")")) << linked.err;
-    report = dir.File("no-such-folder/report.json");
+    reportPath = dir.File("no-such-folder/report.json");
     ProcessResult unwritable = RunProcess(GangPath(), Args({"/x/ok4"}));
     EXPECT_EQ(2, unwritable.exitStatus);
     for (const char* name : {"ok1", "ok2", "ok3", "ok4"})
