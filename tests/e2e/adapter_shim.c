@@ -39,6 +39,11 @@
  *   cfsetspeed only fill in the structure and still succeed; the TCSETS ioctls are
  *   not looked at.
  *
+ * KESTREL_SHIM_FAIL_THREAD=N: a thread that cannot be started
+ *   The N-th pthread_create of the process fails with EAGAIN and starts nothing, as
+ *   under a process limit. (A sanitizer runtime that wraps pthread_create itself
+ *   comes first, so the failure does not happen in a sanitizer build.)
+ *
  * KESTREL_SHIM_SYSFS_ROOT=DIR: a made-up adapter in a fake sysfs and /dev
  *   Paths are looked up under DIR instead when they are "/sys" or below it, "/dev"
  *   itself (so listing /dev shows DIR/dev), "/dev/serial" or below it, or begin with
@@ -85,6 +90,19 @@ static unsigned long setting(const char* name, unsigned long fallback)
 {
     const char* text = getenv(name);
     return text && *text ? strtoul(text, NULL, 10) : fallback;
+}
+
+/* ---- thread start ----------------------------------------------------------- */
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*), void* arg)
+{
+    static unsigned long calls;
+    const unsigned long failing = setting("KESTREL_SHIM_FAIL_THREAD", 0);
+    if (failing != 0 && ++calls == failing)
+        return EAGAIN;
+    int (*real)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) =
+        (int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*))dlsym(RTLD_NEXT, "pthread_create");
+    return real(thread, attr, start, arg);
 }
 
 /* ---- write shaping ---------------------------------------------------------- */

@@ -234,6 +234,20 @@ TEST_F(HostOnSim, CloseReturnsTheTargetTo115200AndKeepsTheText)
     size_t kept = log.find("]Write failed somewhere\n");
     EXPECT_NE(std::string::npos, kept);
     EXPECT_LT(kept, log.find("]Close uart!\n"));
+
+    // The after-action lines (here one 7 ms wait) belong to the close of a run that
+    // succeeded, and to that close only.
+    LinkProfile after;
+    after.after = LinkProfile::kAfterLines;
+    after.afterLines.count = 1;
+    after.afterLines.steps[0].kind = LineStep::kWait;
+    after.afterLines.steps[0].waitMs = 7;
+    host.SetLinkProfile(after);
+    for (int close = 0; close < 2; ++close) {
+        Connect(921600);
+        close == 0 ? host.CloseAfterSuccess() : host.Close();
+    }
+    EXPECT_EQ(1, std::count(link.pauses.begin(), link.pauses.end(), 7000u));
 }
 
 // A rate is kept only when the proof read at it gives the reference sector back byte

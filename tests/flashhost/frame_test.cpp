@@ -76,8 +76,7 @@ std::vector<AckCase> AckCases()
     Bytes badMagic = MakeAck({1, 2, 3, 4});
     memcpy(badMagic.data(), "MORB", 4);
     return {
-        {"ack, checksum, no payload", MakeAck(), 0, kOk},
-        {"ack, checksum, payload", MakeAck({1, 2, 3}), 0, kOk},
+        {"ack, checksum, no payload", MakeAck(), 0, kOk}, {"ack, checksum, payload", MakeAck({1, 2, 3}), 0, kOk},
         {"ack, largest payload", MakeAck(Bytes(8190, 0x3C)), 0, kOk},
         {"ack, wrong checksum", corrupted, -1, "Ack checksum error!"},
         {"ack without checksum flag", HexBytes("42 52 4F 4D 02 00 12 34 00 00 00 02 09 09"), 0, kOk},

@@ -78,8 +78,7 @@ TEST_F(HostLogTest, LinesCarryTheStampTheTitleAndTheDump)
     UseLog(path, 1);
     ASSERT_TRUE(host.InitLogFile());
     const DumpCase cases[] = {
-        {"Open uart...", {}, "Open uart..."},
-        {"T", {0x0A}, "T length 1 < 0A >"},
+        {"Open uart...", {}, "Open uart..."}, {"T", {0x0A}, "T length 1 < 0A >"},
         {"X", {0xAB, 0x00, 0x7f}, "X length 3 < AB 00 7F >"},
         {"GetFlashId cmd:", {0x42, 0x52, 0x4F, 0x4D, 0x04, 0x00, 0x60, 0x51, 0x00, 0x00, 0x00, 0x01, 0x18},
          "GetFlashId cmd: length 13 < 42 52 4F 4D 04 00 60 51 00 00 00 01 18 >"},

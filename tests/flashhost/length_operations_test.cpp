@@ -21,8 +21,7 @@ TEST_F(HostOnSim, ReadFlashLengthSplitsTheRangeIntoSectorCommands)
         {"3000 bytes fast", 921600, 0x8000, 3000, 2, 0x40, 4, 2},
         {"3000 bytes slow", 115200, 0x8000, 3000, 6, 0x40, 1, 1},
         {"3000 bytes above 921600, classic link", 2000000, 0x8000, 3000, 6, 0x40, 1, 1},
-        {"unaligned start", 115200, 0x1234, 512, 1, 9, 1, 1},
-        {"one byte", 921600, 0x400, 1, 1, 2, 1, 1},
+        {"unaligned start", 115200, 0x1234, 512, 1, 9, 1, 1}, {"one byte", 921600, 0x400, 1, 1, 2, 1, 1},
     };
     Bytes pattern(0x30000);
     for (size_t i = 0; i < pattern.size(); ++i)
@@ -87,11 +86,8 @@ TEST_F(HostOnSim, EraseFlashLengthErasesEveryBlockTheRangeMeetsAndDoesNotWrap)
 {
     Connect();
     const struct { uint32_t address, length; std::vector<uint32_t> blocks; } cases[] = {
-        {0x12345, 0x20000, {0x10000, 0x20000, 0x30000}},
-        {0x10000, 0x10000, {0x10000}},
-        {0x10080, 0x100, {0x10000}},
-        {0x1FFFF, 2, {0x10000, 0x20000}},
-        {0xFFFF8000, 0x18000, {0xFFFF0000}},
+        {0x12345, 0x20000, {0x10000, 0x20000, 0x30000}}, {0x10000, 0x10000, {0x10000}}, {0x10080, 0x100, {0x10000}},
+        {0x1FFFF, 2, {0x10000, 0x20000}}, {0xFFFF8000, 0x18000, {0xFFFF0000}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.address);

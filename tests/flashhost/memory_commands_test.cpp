@@ -15,8 +15,7 @@ TEST_F(HostOnSim, ValuesAndBlocksComeBackExactlyAsWrittenAndNoFurther)
     ASSERT_EQ(0, host.Write_8_byte(kSram, value.data())) << host.m_strMsg;
     typedef int (CFlashHost::*Read)(unsigned int, unsigned char*);
     const std::pair<Read, size_t> reads[] = {{&CFlashHost::Read_1_byte, 1},
-                                             {&CFlashHost::Read_2_byte, 2},
-                                             {&CFlashHost::Read_4_byte, 4},
+                                             {&CFlashHost::Read_2_byte, 2}, {&CFlashHost::Read_4_byte, 4},
                                              {&CFlashHost::Read_8_byte, 8}};
     for (const auto& r : reads) {
         SCOPED_TRACE(r.second);
@@ -97,14 +96,10 @@ TEST(CommandTimeouts, EveryCommandNamesItsWaitForAck)
     };
     auto single = [](Single f) { return [f](CFlashHost& h) { return (h.*f)(kSram, buf); }; };
     const TimeoutCase cases[] = {
-        {single(&CFlashHost::Read_1_byte), "read 1 byte"},
-        {single(&CFlashHost::Read_2_byte), "read 2 byte"},
-        {single(&CFlashHost::Read_4_byte), "read 4 byte"},
-        {single(&CFlashHost::Read_8_byte), "read 8 byte"},
-        {single(&CFlashHost::Write_1_byte), "write 1 byte"},
-        {single(&CFlashHost::Write_2_byte), "write 2 byte"},
-        {single(&CFlashHost::Write_4_byte), "write 4 byte"},
-        {single(&CFlashHost::Write_8_byte), "write 8 byte"},
+        {single(&CFlashHost::Read_1_byte), "read 1 byte"}, {single(&CFlashHost::Read_2_byte), "read 2 byte"},
+        {single(&CFlashHost::Read_4_byte), "read 4 byte"}, {single(&CFlashHost::Read_8_byte), "read 8 byte"},
+        {single(&CFlashHost::Write_1_byte), "write 1 byte"}, {single(&CFlashHost::Write_2_byte), "write 2 byte"},
+        {single(&CFlashHost::Write_4_byte), "write 4 byte"}, {single(&CFlashHost::Write_8_byte), "write 8 byte"},
         {[](CFlashHost& h) { return h.ReadMemoryLen(kSram, buf, 4); }, "read sectors"},
         {[](CFlashHost& h) { return h.WriteMemoryLen(kSram, buf, 4); }, "write sectors"},
         {[](CFlashHost& h) { return h.SetJtag(1); }, "read 1 byte"},

@@ -177,8 +177,7 @@ TEST(DriverWarnings, SilentSurprisesAreExplainedOnStderr)
         std::vector<std::string> args;
         std::vector<std::string> err;  // empty: no warning at all
     } cases[] = {
-        {"", {"-D", "r"}, {}},
-        {"", {"-D", "r", "extra", "-b", "9600"},
+        {"", {"-D", "r"}, {}}, {"", {"-D", "r", "extra", "-b", "9600"},
          {"warning: option parsing stopped at \"extra\"; ignored: extra -b 9600\n"}},
         {"[comm]\niBuad=9600\n[comms]\nx=1\n[setting]\nbFastLink=1x\n[debug]\niAddress=0x10g\n", {"-D", "r"},
          {"warning: ./settings_mac.ini:2: unknown key iBuad in [comm]; ignored\n",

@@ -36,24 +36,13 @@ struct Row {
 TEST(LineSequenceText, GrammarAndPresets)
 {
     const Row rows[] = {
-        {"", true, ""},
-        {"none", true, ""},
-        {"classic", true, "D0+R1,W100,D1+R0,W50,D0"},
-        {"inverted", true, "D1+R0,W100,D0+R1,W50,R0"},
-        {"R1,W100,R0", true, "R1,W100,R0"},
+        {"", true, ""}, {"none", true, ""}, {"classic", true, "D0+R1,W100,D1+R0,W50,D0"},
+        {"inverted", true, "D1+R0,W100,D0+R1,W50,R0"}, {"R1,W100,R0", true, "R1,W100,R0"},
         {"R0+D1", true, "D1+R0"},  // either order, one call
-        {"W0,W10000", true, "W0,W10000"},
-        {"W10001", false, ""},
-        {"W", false, ""},
-        {"W-1", false, ""},
-        {"W1x", false, ""},
-        {"D2", false, ""},
-        {"d1", false, ""},
+        {"W0,W10000", true, "W0,W10000"}, {"W10001", false, ""}, {"W", false, ""}, {"W-1", false, ""},
+        {"W1x", false, ""}, {"D2", false, ""}, {"d1", false, ""},
         {"D1+D0", false, ""},  // one line twice in one step
-        {"D1+R0+R1", false, ""},
-        {"D1,", false, ""},
-        {",D1", false, ""},
-        {"Classic", false, ""},
+        {"D1+R0+R1", false, ""}, {"D1,", false, ""}, {",D1", false, ""}, {"Classic", false, ""},
         {"stay", false, ""},  // an after action, not a sequence
     };
     for (const Row& row : rows) {
@@ -81,12 +70,9 @@ TEST(LineSequenceText, LengthIsBoundedByTheFixedList)
 TEST(LineSequenceText, AfterActions)
 {
     struct AfterRow { const char* text; bool valid; LinkProfile::AfterAction action; unsigned int steps; } rows[] = {
-        {"", true, LinkProfile::kAfterStay, 0},
-        {"stay", true, LinkProfile::kAfterStay, 0},
-        {"none", true, LinkProfile::kAfterStay, 0},
-        {"reboot", true, LinkProfile::kAfterReboot, 0},
-        {"R1,W100,R0", true, LinkProfile::kAfterLines, 3},
-        {"classic", true, LinkProfile::kAfterLines, 5},
+        {"", true, LinkProfile::kAfterStay, 0}, {"stay", true, LinkProfile::kAfterStay, 0},
+        {"none", true, LinkProfile::kAfterStay, 0}, {"reboot", true, LinkProfile::kAfterReboot, 0},
+        {"R1,W100,R0", true, LinkProfile::kAfterLines, 3}, {"classic", true, LinkProfile::kAfterLines, 5},
         {"Reboot", false, LinkProfile::kAfterLines, 0},
     };
     for (const AfterRow& row : rows) {

@@ -94,6 +94,7 @@ TEST(FastSummary, OneLineWithBytesSecondsRateAndShareOfTheLine)
     EXPECT_EQ("main: 1048576 bytes in 13.9 s, 75.4 KB/s, 82% of line",
               RegionSummary("main", 1048576, 13.9, 921600));
     EXPECT_EQ("etf: 0 bytes in 0.0 s, 0.0 KB/s, 0% of line", RegionSummary("etf", 0, 0.0, 921600));
+    EXPECT_EQ("ota: 1000 bytes in 1.0 s, 1.0 KB/s, 0% of line", RegionSummary("ota", 1000, 1.0, 0));  // no rate known
 }
 
 }  // namespace

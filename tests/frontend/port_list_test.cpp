@@ -64,8 +64,7 @@ TEST(AdapterInfo, FamilyAndItsHighestDependableRate)
     const struct { const char *vendor, *product, *family; uint32_t maxRate; } rows[] = {
         {"0403", "6001", "FTDI FT232R", 3000000}, {"0403", "6099", "FTDI", 3000000},
         {"10C4", "EA60", "CP210x", 1000000},      {"1a86", "7523", "CH340", 921600},
-        {"067b", "2303", "PL2303", 921600},       {"2e8a", "000a", "", 0},
-        {"", "", "", 0},
+        {"067b", "2303", "PL2303", 921600},       {"2e8a", "000a", "", 0}, {"", "", "", 0},
     };
     for (const auto& row : rows) {
         const AdapterFamily f = AdapterFamilyOf(row.vendor, row.product);
@@ -86,5 +85,10 @@ TEST(AdapterInfo, ModemManagerIsFoundByItsProcessName)
     MakeFolders(proc + "/812");
     WriteText(proc + "/812/comm", "ModemManager\n");
     EXPECT_TRUE(ModemManagerRunning(proc));
+    for (const char* device : {"/dev/ttyUSB0", "/dev/ttyACM0"}) {  // it probes ACM ports only
+        testing::internal::CaptureStderr();
+        WarnIfModemManagerProbes(device, proc);
+        EXPECT_EQ(device[8] == 'A', Has(testing::internal::GetCapturedStderr(), "ModemManager is running")) << device;
+    }
     EXPECT_FALSE(ModemManagerRunning(dir.File("none")));
 }

@@ -10,15 +10,11 @@ TEST(RunOutcome, EachFailureKindGivesItsStatusAndMessage)
 {
     const struct { FailureKind kind; int code; const char* message; } cases[] = {
         {FailureKind::kNone, 1, "failed"},  // failed without a class: still a failure
-        {FailureKind::kOther, 1, "failed"},
-        {FailureKind::kUsage, 2, "usage error"},
-        {FailureKind::kImage, 3, "image error"},
-        {FailureKind::kPortOpen, 4, "port cannot be opened"},
+        {FailureKind::kOther, 1, "failed"}, {FailureKind::kUsage, 2, "usage error"},
+        {FailureKind::kImage, 3, "image error"}, {FailureKind::kPortOpen, 4, "port cannot be opened"},
         {FailureKind::kNoAnswer, 5, "no answer from the target"},
-        {FailureKind::kFlashCommand, 6, "flash command failed"},
-        {FailureKind::kVerify, 7, "verify mismatch"},
-        {FailureKind::kStopped, 8, "stopped by the user"},
-        {FailureKind::kLocalFile, 9, "local file error"},
+        {FailureKind::kFlashCommand, 6, "flash command failed"}, {FailureKind::kVerify, 7, "verify mismatch"},
+        {FailureKind::kStopped, 8, "stopped by the user"}, {FailureKind::kLocalFile, 9, "local file error"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.message);

@@ -11,10 +11,7 @@
 
 namespace {
 
-void Load(std::string path)
-{
-    GetDefaultSettings(&path[0]);
-}
+void Load(std::string path) { GetDefaultSettings(&path[0]); }
 
 // Every field of g_Setting on one line.
 std::string Describe()
@@ -50,15 +47,10 @@ TEST(GetDefaultSettings, FileValuesAndDefaults)
               Describe());
 
     const std::pair<std::string, const char*> cases[] = {
-        {"[debug]\niDebugOp=n\n", "op0"},
-        {"[debug]\niDebugOp=R\n", "op0"},
-        {"[debug]\niDebugOp=\n", "op0"},
-        {"[debug]\niDebugOp=write\n", "op2"},
-        {"[debug]\niDebugOp=erase\n", "op3"},
-        {"[debug]\niAddress=0x10000\niLength=0x2000\n", "A10000 L2000"},
-        {"[debug]\niAddress=10000\n", "A0 "},
-        {"[setting]\nbEtfFw=257\nbLogLevel=256\n", "e1 d0"},
-        {"[setting]\nbEtfFw=yes\n", "e0"},
+        {"[debug]\niDebugOp=n\n", "op0"}, {"[debug]\niDebugOp=R\n", "op0"}, {"[debug]\niDebugOp=\n", "op0"},
+        {"[debug]\niDebugOp=write\n", "op2"}, {"[debug]\niDebugOp=erase\n", "op3"},
+        {"[debug]\niAddress=0x10000\niLength=0x2000\n", "A10000 L2000"}, {"[debug]\niAddress=10000\n", "A0 "},
+        {"[setting]\nbEtfFw=257\nbLogLevel=256\n", "e1 d0"}, {"[setting]\nbEtfFw=yes\n", "e0"},
         {"[comm]\niBaud=115200\n", " 115200 "},
     };
     TempDir dir;
@@ -75,6 +67,16 @@ TEST(GetDefaultSettings, FileValuesAndDefaults)
     Load(dir.File("b.ini"));
     EXPECT_STREQ("/dev/b", g_Setting.strComDev);
     EXPECT_STREQ("./log/log.txt", g_Setting.strLogFile);
+    // Sectors per fast-link command: 1 to 15 as given; outside, a warning and the usual 4 (0).
+    const struct { const char* value; uint32_t stored; bool warned; } sectors[] = {
+        {"1", 1, false}, {"15", 15, false}, {"0", 0, false}, {"16", 0, true}, {"-1", 0, true}};
+    for (const auto& c : sectors) {
+        WriteText(dir.File("s.ini"), std::string("[setting]\niSectorsPerCommand=") + c.value + "\n");
+        testing::internal::CaptureStderr();
+        Load(dir.File("s.ini"));
+        EXPECT_EQ(c.warned, !testing::internal::GetCapturedStderr().empty()) << c.value;
+        EXPECT_EQ(c.stored, g_Setting.iSectorsPerCommand) << c.value;
+    }
 }
 
 TEST(ApplyOptions, FieldsInTheOrderGiven)
@@ -86,14 +88,10 @@ TEST(ApplyOptions, FieldsInTheOrderGiven)
     const std::string longName(5000, 'a');
     const Case cases[] = {
         {{"-A", "0x1000", "-L", "4096"}, "op1 A1000 L1000"},
-        {{"-A", "010000", "-L", "0x1FFFFFFFF"}, "op1 A1000 LFFFFFFFF"},
-        {{"-b9600"}, "/dev/ttyUSB0 9600 "},
+        {{"-A", "010000", "-L", "0x1FFFFFFFF"}, "op1 A1000 LFFFFFFFF"}, {{"-b9600"}, "/dev/ttyUSB0 9600 "},
         {{"115200", "-b", "9600"}, "921600"},  // a plain word ends the options
-        {{"--", "-b", "9600"}, "921600"},
-        {{"-e", "1"}, "e1 d0 f1"},
-        {{"-e", "0"}, "e0 d0 f0"},
-        {{"-e", "1", "-f", "0"}, "e1 d0 f0"},
-        {{"-f", "0", "-e", "1"}, "e1 d0 f1"},
+        {{"--", "-b", "9600"}, "921600"}, {{"-e", "1"}, "e1 d0 f1"}, {{"-e", "0"}, "e0 d0 f0"},
+        {{"-e", "1", "-f", "0"}, "e1 d0 f0"}, {{"-f", "0", "-e", "1"}, "e1 d0 f1"},
         {{"-D", "e", "-D", "rw"}, "op1"},
         {{"-D", "w", "-B", "w.bin", "-c", "/dev/x", "-l", "l.txt"}, "/dev/x 921600 l.txt"},
         {{"-g", "1", "-G", "o.cimg", "-I", "e.img"}, "e.img [o.cimg] a.bin"},

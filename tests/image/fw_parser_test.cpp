@@ -33,8 +33,7 @@ TEST_F(FwParserTest, DamageIsFoundAtItsSection)
     };
     // Sections of 3, 0 and 16385 data bytes; the second header is at 67, the third at 131.
     const Case cases[] = {
-        {0, 0x00, nullptr},
-        {0, 0x01, "Wrong Section Header MAGIC"},
+        {0, 0x00, nullptr}, {0, 0x01, "Wrong Section Header MAGIC"},
         {67 + 20, 0x01, "Wrong Section Header Checksum"},  // words sum to 0xFFFE
         {64, 0x80, "Wrong Section Data Checksum"},
         {131 + 64 + 16384, 0x01, "Wrong Section Data Checksum"},  // the final odd byte

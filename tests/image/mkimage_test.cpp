@@ -54,16 +54,16 @@ TEST_F(MkImage, BuildsAnImageThatParses)
 TEST_F(MkImage, BadArgumentsGiveUsageAndStatusOne)
 {
     const std::vector<std::vector<std::string>> cases = {
-        {},
-        {"-o", "x.img"},
-        {"-o", "x.img", "missing.bin"},
+        {}, {"-o", "x.img"}, {"-o", "x.img", "missing.bin"},
         {"-o", "x.img", "--random-data", "5", "1", "--id", "3"},
         {"-o", "x.img", "--id", "12z", "--random-data", "5", "1"},
         {"-o", "x.img", "--ota-size", "100", "--random-data", "5", "1"},
         // data reaching into the image's own OTA area
         {"-o", "x.img", "-v", "2", "--ota-size", "0x8000", "--ota-addr", "0x10000", "--random-data", "70000", "1"},
-        {"-o", "x.img", "--bogus", "--random-data", "5", "1"},
-        {"--make-data", "d.bin", "-1", "1"},
+        {"-o", "x.img", "--bogus", "--random-data", "5", "1"}, {"-o"}, {"-o", "x.img", "--random-data", "5"},
+        {"--random-data", "5", "1"}, {"-o", "x.img", "--gap", "10", "--random-data", "5", "1"},
+        {"-o", "x.img", "--ota-size", "0x1000000", "--ota-addr", "0x10000", "--random-data", "5", "1"},
+        {"--make-data", "d.bin", "-1", "1"}, {"--make-data", "d.bin", "", "1"}, {"--make-data", "/dev/full", "70000", "1"},
     };
     for (const std::vector<std::string>& args : cases) {
         ProcessResult r = Run(args);

@@ -85,8 +85,7 @@ TEST(SerialReadPath, AMissingReplyIsGivenUpAfter101PollIntervalsOfItsRate)
 {
     const struct { bool fast; unsigned int baud; uint64_t elapsedUs; size_t pauses; unsigned int pauseUs; } cases[] = {
         {false, 921600, 505000, 101, 5000},   {false, 115200, 2020000, 101, 20000},
-        {false, 2000000, 2020000, 101, 20000}, {true, 921600, 505000, 0, 0},
-        {true, 3000000, 2020000, 0, 0},
+        {false, 2000000, 2020000, 101, 20000}, {true, 921600, 505000, 0, 0}, {true, 3000000, 2020000, 0, 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::to_string(c.baud) + (c.fast ? ", fast link" : ", polled"));
@@ -143,6 +142,27 @@ TEST(SerialReadPath, AReplyArrivingInPiecesIsAssembledInOrder)
         EXPECT_EQ(0u, port.ReadMsg(buf.data(), static_cast<unsigned int>(buf.size())));
         EXPECT_TRUE(buf == reply);
         EXPECT_FALSE(port.LinkLost());
+    }
+}
+
+// Draining stale input goes on until one poll interval passes without a byte: the
+// quiet interval comes after the last byte, not after the first read.
+TEST(SerialReadPath, DrainingEndsOnlyAfterAQuietIntervalFollowingTheLastByte)
+{
+    struct Case { bool fast; unsigned int baud; size_t stale; std::vector<unsigned int> pauses; uint64_t clockUs; };
+    for (const Case& c : {Case{false, 115200, 600, {20000, 20000}, 40000}, Case{false, 115200, 0, {20000}, 20000},
+                          Case{true, 921600, 600, {}, 5000}}) {
+        SCOPED_TRACE(std::to_string(c.stale) + (c.fast ? " bytes, fast link" : " bytes, polled"));
+        MemoryPort memory;
+        CCommU port;
+        port.SetLinkProfile(SerialProfile(c.fast));
+        ASSERT_EQ(0, OpenOn(port, memory, c.baud));
+        const std::vector<unsigned char> stale = PatternBytes(c.stale, 5);
+        memory.Feed(stale.data(), stale.size());
+        port.DrainInput();
+        EXPECT_EQ(c.pauses, memory.pauses);
+        EXPECT_EQ(c.clockUs, memory.clockUs);
+        EXPECT_EQ(0, memory.Wait(false, 0));  // nothing left
     }
 }
 

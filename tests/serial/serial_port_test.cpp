@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "serial/CCommU.h"
+#include "serial/tty_port.h"
 #include "tests/support/serial_fixtures.h"
 
 namespace {
@@ -151,10 +152,8 @@ TEST_F(SerialPortTest, ReadMsgTakesExactlyTheRequestedBytesOrTimesOut)
         std::vector<unsigned int> reads;
         unsigned int lastResult;
     } cases[] = {
-        {"zero bytes, then two", 2, {0, 2}, 0},
-        {"twelve, then two", 14, {12, 2}, 0},
-        {"ten of three", 3, {10}, kTimedOut},
-        {"beyond the cap", 8197, {8197}, kTimedOut},
+        {"zero bytes, then two", 2, {0, 2}, 0}, {"twelve, then two", 14, {12, 2}, 0},
+        {"ten of three", 3, {10}, kTimedOut}, {"beyond the cap", 8197, {8197}, kTimedOut},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -179,6 +178,17 @@ TEST_F(SerialPortTest, ReadMsgTakesExactlyTheRequestedBytesOrTimesOut)
         }
         port.UART_Close();
     }
+}
+
+// A wait on an idle line lasts its whole timeout and says so; a byte makes it ready.
+TEST_F(SerialPortTest, WaitOnAnIdleLineTimesOutAndOnAFedOneIsReady)
+{
+    TtyPort tty;
+    ASSERT_GT(tty.Open(path.c_str()), 0);
+    ASSERT_EQ(0, tty.Configure(B115200, 115200));  // raw: a byte is ready without a newline
+    EXPECT_EQ(0, tty.Wait(false, 20000));
+    Feed({7});
+    EXPECT_EQ(1, tty.Wait(false, 20000));
 }
 
 TEST_F(SerialPortTest, SecondOpenOfALockedDeviceFailsAtOnce)

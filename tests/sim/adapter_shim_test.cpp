@@ -31,10 +31,8 @@ const std::vector<std::string> kInverted = {"D1+R0", "D0+R1", "R0"};
 TEST(AdapterShim, ResetSequencesReachTheBootRomOnlyOnTheMatchingWiring)
 {
     const struct { const char* wiring; std::vector<std::string> sequence; bool bootRom; } cases[] = {
-        {"two-transistor-rts-reset", kClassic, true},
-        {"two-transistor-rts-reset", kInverted, false},
-        {"two-transistor-dtr-reset", kInverted, true},
-        {"two-transistor-dtr-reset", kClassic, false},
+        {"two-transistor-rts-reset", kClassic, true}, {"two-transistor-rts-reset", kInverted, false},
+        {"two-transistor-dtr-reset", kInverted, true}, {"two-transistor-dtr-reset", kClassic, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.wiring) + (c.sequence == kClassic ? " classic" : " inverted"));

@@ -29,15 +29,9 @@ namespace {
 
 int g_fd = -1;
 
-void Say(const std::string& text)
-{
-    std::printf("%s\n", text.c_str());
-}
+void Say(const std::string& text) { std::printf("%s\n", text.c_str()); }
 
-void Failed(const std::string& step)
-{
-    Say(step + " failed: " + std::strerror(errno));
-}
+void Failed(const std::string& step) { Say(step + " failed: " + std::strerror(errno)); }
 
 speed_t SpeedConstant(unsigned long rate)
 {

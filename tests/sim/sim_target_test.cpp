@@ -182,17 +182,13 @@ TEST(SimFrames, MalformedFramesAndDataPhasesGetTheMatchingErrorTypeAndStoreNothi
     Bytes wireSummed = Frame(0x13, {{0x01010100, 4}});
     std::reverse(wireSummed.begin() + 13, wireSummed.end());
     const struct { const char* name; Bytes frame; int type; } cases[] = {
-        {"checksum", badChecksum, 3},
-        {"checksum over wire order", wireSummed, 3},
+        {"checksum", badChecksum, 3}, {"checksum over wire order", wireSummed, 3},
         {"body too long for opcode", Frame(0x18, {{0, 1}}), 4},
-        {"body too short for opcode", Frame(0x04, {{0x10000, 2}}), 4},
-        {"unknown opcode", Frame(0x30), 1},
-        {"flags not 0x04", badFlags, 4},
-        {"length 0", HexBytes("42 52 4F 4D 04 00 00 00 00 00 00 00"), 4},
+        {"body too short for opcode", Frame(0x04, {{0x10000, 2}}), 4}, {"unknown opcode", Frame(0x30), 1},
+        {"flags not 0x04", badFlags, 4}, {"length 0", HexBytes("42 52 4F 4D 04 00 00 00 00 00 00 00"), 4},
         {"length beyond any command", HexBytes("42 52 4F 4D 04 00 00 00 00 00 10 00"), 4},
         {"erase mode other than 3", Frame(0x19, {{2, 1}, {0x10000, 4}}), 4},
-        {"erase outside flash", Erase(0x00400000), 4},
-        {"read more than a reply holds", ReadSector(0, 16), 4},
+        {"erase outside flash", Erase(0x00400000), 4}, {"read more than a reply holds", ReadSector(0, 16), 4},
         {"read past the flash end", ReadSector(8191, 2), 4},
         {"memory read outside SRAM", Frame(0x08, {{0x20000000, 4}, {16, 4}}), 4},
         {"memory read beyond the reply buffer", Frame(0x08, {{0x00010000, 4}, {8191, 4}}), 4},
@@ -403,14 +399,11 @@ TEST(SimFaults, EachReplyFaultShowsOnTheWire)
         size_t size;
     } cases[] = {
         {"error2", "42 52 4F 4D 05 01 5F 66 00 00 00 01 02", 13},
-        {"error7F", "42 52 4F 4D 05 01 5E E9 00 00 00 01 7F", 13},
-        {"noreply", "", 0},
+        {"error7F", "42 52 4F 4D 05 01 5E E9 00 00 00 01 7F", 13}, {"noreply", "", 0},
         {"badsum", "42 52 4F 4D 06 01 44 22 00 00 00 03 C8 40 16", 15},
         {"badmagic", "4D 4F 52 42 06 01 1E 87 00 00 00 03 C8 40 16", 15},
-        {"short", "42 52 4F 4D 06 01 1E 87 00 00 00 13 C8 40 16", 15},
-        {"toolong", "42 52 4F 4D 06 01", 12 + 8191},
-        {"bitflip", "42 52 4F 4D 06 01 1E 8F 00 00 00 03 C0 40 16", 15},
-        {"raw=4F4B", "4F 4B", 2},
+        {"short", "42 52 4F 4D 06 01 1E 87 00 00 00 13 C8 40 16", 15}, {"toolong", "42 52 4F 4D 06 01", 12 + 8191},
+        {"bitflip", "42 52 4F 4D 06 01 1E 8F 00 00 00 03 C0 40 16", 15}, {"raw=4F4B", "4F 4B", 2},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.kind);
@@ -434,8 +427,7 @@ TEST(SimFaults, WhenAndWhatSelectWhichCommandsAreHitAndTheFirstFiringSpecWins)
         std::vector<int> got;  // for the 1st .. 5th Read_4_byte: its error type
     } cases[] = {
         {{"Read_4_byte:2:error4"}, {kClean, 4, kClean, kClean, kClean}},
-        {{"0x04:3+:error4"}, {kClean, kClean, 4, 4, 4}},
-        {{"any:every:error4"}, {4, 4, 4, 4, 4}},
+        {{"0x04:3+:error4"}, {kClean, kClean, 4, 4, 4}}, {{"any:every:error4"}, {4, 4, 4, 4, 4}},
         {{"any:2:noreply", "Read_4_byte:2:error4"}, {kClean, kSilent, kClean, kClean, kClean}},
     };
     for (const auto& c : cases) {

@@ -11,15 +11,9 @@ namespace {
 
 const char kUsbDevice[] = "sys/devices/pci0000:00/0000:00:14.0/usb1/1-2";
 
-bool IsAcm(const FakeAdapter& adapter)
-{
-    return adapter.ttyName.compare(0, 6, "ttyACM") == 0;
-}
+bool IsAcm(const FakeAdapter& adapter) { return adapter.ttyName.compare(0, 6, "ttyACM") == 0; }
 
-std::string Interface()
-{
-    return std::string(kUsbDevice) + "/1-2:1.0";
-}
+std::string Interface() { return std::string(kUsbDevice) + "/1-2:1.0"; }
 
 // The device the tty hangs off: the USB serial port, or for cdc_acm the interface.
 std::string PortFolder(const FakeAdapter& adapter)
@@ -27,10 +21,7 @@ std::string PortFolder(const FakeAdapter& adapter)
     return IsAcm(adapter) ? Interface() : Interface() + "/" + adapter.ttyName;
 }
 
-std::string TtyFolder(const FakeAdapter& adapter)
-{
-    return PortFolder(adapter) + "/tty/" + adapter.ttyName;
-}
+std::string TtyFolder(const FakeAdapter& adapter) { return PortFolder(adapter) + "/tty/" + adapter.ttyName; }
 
 std::vector<std::string> Split(const std::string& path)
 {

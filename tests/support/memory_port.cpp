@@ -20,10 +20,7 @@ int NextError(std::deque<int>& errors)
 
 }  // namespace
 
-void MemoryPort::Feed(const unsigned char* data, size_t len)
-{
-    m_incoming.insert(m_incoming.end(), data, data + len);
-}
+void MemoryPort::Feed(const unsigned char* data, size_t len) { m_incoming.insert(m_incoming.end(), data, data + len); }
 
 int MemoryPort::Open(const char*)
 {
@@ -35,10 +32,7 @@ int MemoryPort::Open(const char*)
     return kMemoryHandle;
 }
 
-void MemoryPort::Close()
-{
-    open = false;
-}
+void MemoryPort::Close() { open = false; }
 
 int MemoryPort::Configure(int, unsigned int baud)
 {
@@ -48,10 +42,7 @@ int MemoryPort::Configure(int, unsigned int baud)
     return 0;
 }
 
-void MemoryPort::Flush()
-{
-    m_incoming.clear();
-}
+void MemoryPort::Flush() { m_incoming.clear(); }
 
 long MemoryPort::Read(unsigned char* buf, size_t len)
 {

@@ -152,10 +152,7 @@ SimProcess::SimProcess(const std::vector<std::string>& args)
     }
 }
 
-SimProcess::~SimProcess()
-{
-    Stop();
-}
+SimProcess::~SimProcess() { Stop(); }
 
 std::string SimProcess::Stop()
 {
@@ -193,10 +190,7 @@ std::vector<std::string> TextLines(const std::string& text)
     return lines;
 }
 
-void WriteText(const std::string& path, const std::string& text)
-{
-    std::ofstream(path, std::ios::binary) << text;
-}
+void WriteText(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
 std::vector<unsigned char> PatternBytes(size_t count, uint32_t seed)
 {

@@ -136,15 +136,9 @@ Bytes MakeReply(unsigned char flags, const Bytes& payload)
     return reply;
 }
 
-Bytes MakeAck(const Bytes& payload)
-{
-    return MakeReply(ksim::kAckFlags, payload);
-}
+Bytes MakeAck(const Bytes& payload) { return MakeReply(ksim::kAckFlags, payload); }
 
-Bytes MakeErrorReply(unsigned char type)
-{
-    return MakeReply(ksim::kErrorFlags, Bytes{type});
-}
+Bytes MakeErrorReply(unsigned char type) { return MakeReply(ksim::kErrorFlags, Bytes{type}); }
 
 std::string RawReplyFault(const char* command, const Bytes& reply, int nth)
 {
@@ -167,7 +161,4 @@ Bytes HexBytes(const std::string& text)
     return bytes;
 }
 
-std::string ToHex(const Bytes& bytes)
-{
-    return ksim::HexBytes(bytes.data(), bytes.size());
-}
+std::string ToHex(const Bytes& bytes) { return ksim::HexBytes(bytes.data(), bytes.size()); }

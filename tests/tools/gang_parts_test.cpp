@@ -63,8 +63,7 @@ TEST(GangVerdict, ABoardSucceedsOnlyWhenItsResultLineAndExitStatusAgreeOnSuccess
     };
     const int exited5 = 5 << 8, exited6 = 6 << 8, exited8 = 8 << 8;
     const Case cases[] = {
-        {true, 0, 0, StopStep::kNone, true, 0, "said"},
-        {false, 6, exited6, StopStep::kNone, false, 6, "said"},
+        {true, 0, 0, StopStep::kNone, true, 0, "said"}, {false, 6, exited6, StopStep::kNone, false, 6, "said"},
         {false, 8, exited8, StopStep::kTyped, false, 8, "said"},
         {true, 0, exited5, StopStep::kNone, false, 5, "said (exit status 5 contradicts the result line)"},
         {false, 6, 0, StopStep::kNone, false, 6, "said (exit status 0 contradicts the result line)"},

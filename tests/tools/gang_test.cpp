@@ -182,6 +182,11 @@ TEST_F(Gang, BadRequestsAreRefusedBeforeAnyBoardIsTouched)
     reportPath = dir.File("no-such-folder/report.json");
     ProcessResult unwritable = RunProcess(GangPath(), Args({"/x/ok4"}));
     EXPECT_EQ(2, unwritable.exitStatus);
+    reportPath = dir.File("report.json");
+    for (const char* jobs : {"", "-1", "2x"})  // --jobs takes a whole count, nothing else
+        EXPECT_EQ(2, RunProcess(GangPath(), Args({"--jobs", jobs, "/x/ok1"})).exitStatus) << jobs;
+    WriteText(dir.File("plain"), "");  // a board folder cannot be made under a file
+    EXPECT_EQ(2, RunProcess(GangPath(), Args({"--log-dir", dir.File("plain/logs"), "/x/ok1"})).exitStatus);
     for (const char* name : {"ok1", "ok2", "ok3", "ok4"})
         EXPECT_FALSE(Marked(std::string("started-") + name)) << name;
 

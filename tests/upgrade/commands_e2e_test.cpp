@@ -127,6 +127,21 @@ TEST(CommandsEndToEnd, VerifyComparesWithoutErasingOrWriting)
     ProcessResult refused = bench.Run({"-i", "main.img", "--verify", "--exit-code"}, {"--fault", "ReadSector:1:error2"});
     EXPECT_EQ(6, refused.exitStatus) << refused.out;
     EXPECT_TRUE(Has(refused.out, "Read failed at 0x00000000: ")) << refused.out;
+
+    // An image that cannot be used ends the verify before any connection.
+    bench.WriteFile("bad.img", Bytes(100, 0));
+    const struct { std::vector<std::string> args; const char* line; } images[] = {
+        {{"-i", "bad.img"}, "Failed to open image file: bad.img ("},
+        {{"-i", "main.img", "-e", "1", "-I", "bad.img"}, "Failed to open etf image file: bad.img\n"},
+    };
+    for (const auto& c : images) {
+        std::vector<std::string> args = c.args;
+        args.insert(args.end(), {"--verify", "--exit-code"});
+        ProcessResult bad = bench.Run(args);
+        EXPECT_EQ(3, bad.exitStatus) << bad.out;
+        EXPECT_TRUE(Has(bad.out, c.line)) << bad.out;
+        EXPECT_EQ(0u, CountFramesReceived(bench.Trace(), 0x18)) << "no flash identifier asked for";
+    }
 }
 
 // The ETF image is compared where the upgrade puts it: behind an OTA area that
@@ -170,6 +185,7 @@ TEST(CommandsEndToEnd, EraseAllErasesTheCapacityInUse)
         {{"--erase-all"}, {}, kFlashSize, 0},
         {{"--erase-all", "--flash-size", "1M"}, {"--flash-id", "C84001"}, 1u << 20, 0},
         {{"--erase-all"}, {"--flash-id", "C84001"}, 0, 255},  // capacity unknown: refused
+        {{"--erase-all"}, {"--fault", "EraseFlash:3:error3"}, 2 * kBlock, 255},  // the third erase fails: the end
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.erasedBytes);
@@ -179,7 +195,9 @@ TEST(CommandsEndToEnd, EraseAllErasesTheCapacityInUse)
         Bytes expected = bench.InitialFlash();
         std::fill(expected.begin(), expected.begin() + c.erasedBytes, 0xFF);
         EXPECT_EQ(-1, FirstDifference(bench.Flash(), expected));
-        EXPECT_EQ(c.erasedBytes / kBlock, CountFramesReceived(bench.Trace(), kOpEraseFlash));
+        const bool failed = c.status != 0 && c.erasedBytes != 0;  // the erase that failed was sent too
+        EXPECT_EQ(c.erasedBytes / kBlock + failed, CountFramesReceived(bench.Trace(), kOpEraseFlash));
+        EXPECT_EQ(failed, Has(r.out, "Erase failed at 0x00020000: ")) << r.out;
         EXPECT_EQ(1u, CountFramesReceived(bench.Trace(), 0x10, "921600")) << "the target sent back to 115200";
     }
 }

@@ -39,20 +39,15 @@ std::string RunConsole(const std::string& text)
     return out;
 }
 
-std::string Echo(const std::string& line)
-{
-    return "Data:" + line + "TIP:Input 'stop' to stop upgrading.\n";
-}
+std::string Echo(const std::string& line) { return "Data:" + line + "TIP:Input 'stop' to stop upgrading.\n"; }
 
 TEST(StopConsole, OnlyTheExactStopLineStops)
 {
     const std::string longLine(300, 'x');
     const struct { const char* what; std::string input; bool stops; std::string output; } cases[] = {
-        {"stop first", "stop\n", true, ""},
-        {"one line, then stop", "abc\nstop\n", true, Echo("abc\n")},
+        {"stop first", "stop\n", true, ""}, {"one line, then stop", "abc\nstop\n", true, Echo("abc\n")},
         {"case and blanks matter", "Stop\nstop \n stop\n", false, Echo("Stop\n") + Echo("stop \n") + Echo(" stop\n")},
-        {"empty input", "", false, ""},
-        {"stop without its line feed", "stop", false, Echo("stop")},
+        {"empty input", "", false, ""}, {"stop without its line feed", "stop", false, Echo("stop")},
         {"an empty line is echoed", "\nstop\n", true, Echo("\n")},
         {"a long line arrives in pieces", longLine + "\nstop\n", true,
          Echo(std::string(259, 'x')) + Echo(std::string(41, 'x') + "\n")},

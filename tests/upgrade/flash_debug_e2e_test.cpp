@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <sys/stat.h>
 
 #include "serial/CCommU.h"
 #include "tests/upgrade/upgrade_fixtures.h"
@@ -75,11 +76,14 @@ TEST(FlashDebugEndToEnd, FailuresEndTheToolWithStatus255AndLeaveFlashAndFolderAl
          "Refused: debug range 0x003F0000-0x0040FFFF ends past the flash's 4194304 bytes (0x00000000-0x003FFFFF)\n"},
         {"", {"-D", "w", "-A", "0x3FFF00", "-L", "0x200", "-B", "data.bin"}, "Refused: debug range 0x003FFF00-0x004000FF"},
         {"", {"-D", "r", "-A", "0x400000", "-L", "0x200"}, "Refused: debug range 0x00400000-0x004001FF"},
+        {"", {"-D", "r", "-A", "0", "-L", "0x20000"}, "Failed to write file: flash_A_"},  // past the file-size limit
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
         UpgradeBench bench;
         bench.WriteFile("data.bin", Bytes(0x2000, 0x5A));
+        // Files the tool writes may not grow past 32 KiB: a full disk, as far as it can tell.
+        bench.toolLauncher = {"/bin/sh", "-c", "trap '' XFSZ; ulimit -f 64; exec \"$@\"", "sh"};
         std::vector<std::string> simArgs = kRomFlash;
         if (!c.fault.empty())
             simArgs.insert(simArgs.end(), {"--fault", c.fault});
@@ -147,6 +151,7 @@ TEST(FlashDebugEndToEnd, RefusalsComeBeforeAnyByteIsWrittenOrRead)
     bench.WriteFile("flash_A_0x0_L_0x100.bin", image);
     std::filesystem::create_directory(bench.Path("folder"));
     std::filesystem::create_directory(bench.Path("flash_A_0x0_L_0x200.bin"));
+    ASSERT_EQ(0, mkfifo(bench.Path("pipe").c_str(), 0600));
     const struct {
         std::vector<std::string> args;  // a "-c" among them replaces the simulator's port
         std::string line;
@@ -156,6 +161,7 @@ TEST(FlashDebugEndToEnd, RefusalsComeBeforeAnyByteIsWrittenOrRead)
         {{"-D", "r", "-c", "main.img"}, "Refused: the port main.img is a regular file, not a terminal; nothing written\n", 255, 4},
         {{"-D", "r", "-c", "/dev/null"}, "Refused: the port /dev/null is a mem device, not a terminal", 255, 4},
         {{"-D", "e", "-c", "folder"}, "Refused: the port folder is a folder, not a terminal", 255, 4},
+        {{"-D", "e", "-c", "pipe"}, "Refused: the port pipe is a pipe, not a terminal", 255, 4},
         {{"-i", "main.img", "-c", "main.img"}, "Refused: the port main.img is a regular file", 0, 4},
         {{"-i", "main.img", "-c", "/dev/null"}, "Refused: the port /dev/null is a mem device", 0, 4},
         {{"-D", "r", "-A", "0", "-L", "0x200"}, "Failed to create file: flash_A_0x0_L_0x200.bin\n", 255, 9},
