@@ -20,8 +20,7 @@ TEST(OutcomeCodes, EachFailureClassHasItsStatus)
         std::string console;
         int status;
     } cases[] = {
-        {"success", {}, {}, "", 0},
-        {"the target never answers", {"--fault", "GetFlashId:every:noreply"}, {}, "", 5},
+        {"success", {}, {}, "", 0}, {"the target never answers", {"--fault", "GetFlashId:every:noreply"}, {}, "", 5},
         {"every erase refused", {"--fault", "EraseFlash:every:error2"}, {}, "", 6},
         {"read-back always differs", {"--fault", "ReadSector:1+:bitflip"}, {"-r", "1"}, "", 7},
         {"the adapter is pulled", {"--fault", "WriteSector:3:vanish"}, {}, "", 5},

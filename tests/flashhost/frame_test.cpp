@@ -86,16 +86,14 @@ std::vector<AckCase> AckCases()
         {"error type 1", MakeErrorReply(1), -1, "Unknown CMD!"},
         {"error type 2", MakeErrorReply(2), -1, "CMD timeout!"},
         {"error type 3", MakeErrorReply(3), -1, "CMD checksum error!"},
-        {"error type 4", MakeErrorReply(4), -1, "CMD invalid!"},
-        {"error type 5", MakeErrorReply(5), -1, "CMD no mem!"},
+        {"error type 4", MakeErrorReply(4), -1, "CMD invalid!"}, {"error type 5", MakeErrorReply(5), -1, "CMD no mem!"},
         {"error type 0", MakeErrorReply(0), -1, "Unknown error type 0x00!"},
         {"error type 0x7F", MakeErrorReply(0x7F), -1, "Unknown error type 0x7F!"},
         {"error type missing", MakeReply(0x01, Bytes()), -1, "Failed to read error type!"},
         {"payload of 8191 bytes", Cut(MakeReply(0x06, Bytes(8191, 0x11)), 12 + 300), -1, "Payload too long!"},
         {"payload length all ones", HexBytes("42 52 4F 4D 06 00 00 00 FF FF FF FF"), -1, "Payload too long!"},
         {"payload stops short", Cut(MakeAck(Bytes(10, 0x22)), 12 + 4), -1, "Read payload data error!"},
-        {"bad magic", badMagic, -1, "Invalid response!"},
-        {"header stops short", Cut(MakeAck(), 8), -1, kSetPcTimeout},
+        {"bad magic", badMagic, -1, "Invalid response!"}, {"header stops short", Cut(MakeAck(), 8), -1, kSetPcTimeout},
     };
 }
 

@@ -16,8 +16,7 @@ TEST_F(HostOnSim, ReadFlashLengthSplitsTheRangeIntoSectorCommands)
         size_t commands;
         uint32_t firstSector, perCommand, lastCount;  // perCommand: all but the last
     } cases[] = {
-        {"64 KiB fast", 921600, 0x10000, 65536, 32, 0x80, 4, 4},
-        {"8 KiB slow", 115200, 0x10000, 8192, 16, 0x80, 1, 1},
+        {"64 KiB fast", 921600, 0x10000, 65536, 32, 0x80, 4, 4}, {"8 KiB slow", 115200, 0x10000, 8192, 16, 0x80, 1, 1},
         {"3000 bytes fast", 921600, 0x8000, 3000, 2, 0x40, 4, 2},
         {"3000 bytes slow", 115200, 0x8000, 3000, 6, 0x40, 1, 1},
         {"3000 bytes above 921600, classic link", 2000000, 0x8000, 3000, 6, 0x40, 1, 1},

@@ -65,9 +65,8 @@ TEST(GetProfileString, LookupFollowsTheLineRules)
         {"29-character section", "[" + sect29 + "]\nkey=v\n", sect29, "key", 0, "v"},
         {"30-character section", "[" + sect30 + "]\nkey=v\n", sect30, "key", -1, "DEF"},
     };
-    for (const StringCase& c : cases) {
+    for (const StringCase& c : cases)
         EXPECT_EQ(std::make_pair(c.result, c.value), LookupString(c.text, c.section, c.key)) << c.name;
-    }
 }
 
 struct NumberCase {
@@ -103,6 +102,20 @@ TEST(GetProfileNumbers, ConversionRules)
     const std::pair<float, unsigned int> defaults[] = {{3.9f, 3u}, {-2.0f, 0xFFFFFFFEu}, {5e9f, 0u}, {-3e9f, 0u}};
     for (const auto& d : defaults)
         EXPECT_EQ(d.second, GetProfileHex(&path[0], &section[0], &key[0], d.first)) << d.first;
+}
+
+// Each trim copies its input without the blanks at one end or at both; an all-blank
+// input gives an empty string.
+TEST(Trims, CopyTheInputWithoutTheBlanksAtOneEndOrBoth)
+{
+    const struct { const char* in; const char* left; const char* right; const char* both; } rows[] = {
+        {" \t a b \r\n", "a b \r\n", " \t a b", "a b"}, {"   ", "", "", ""}, {"x", "x", "x", "x"}};
+    for (const auto& r : rows) {
+        char out[16];
+        EXPECT_STREQ(r.left, l_trim(out, r.in));
+        EXPECT_STREQ(r.right, r_trim(out, r.in));
+        EXPECT_STREQ(r.both, a_trim(out, r.in));
+    }
 }
 
 }  // namespace

@@ -91,8 +91,7 @@ TEST(ApplyOptions, FieldsInTheOrderGiven)
         {{"-A", "010000", "-L", "0x1FFFFFFFF"}, "op1 A1000 LFFFFFFFF"}, {{"-b9600"}, "/dev/ttyUSB0 9600 "},
         {{"115200", "-b", "9600"}, "921600"},  // a plain word ends the options
         {{"--", "-b", "9600"}, "921600"}, {{"-e", "1"}, "e1 d0 f1"}, {{"-e", "0"}, "e0 d0 f0"},
-        {{"-e", "1", "-f", "0"}, "e1 d0 f0"}, {{"-f", "0", "-e", "1"}, "e1 d0 f1"},
-        {{"-D", "e", "-D", "rw"}, "op1"},
+        {{"-e", "1", "-f", "0"}, "e1 d0 f0"}, {{"-f", "0", "-e", "1"}, "e1 d0 f1"}, {{"-D", "e", "-D", "rw"}, "op1"},
         {{"-D", "w", "-B", "w.bin", "-c", "/dev/x", "-l", "l.txt"}, "/dev/x 921600 l.txt"},
         {{"-g", "1", "-G", "o.cimg", "-I", "e.img"}, "e.img [o.cimg] a.bin"},
     };

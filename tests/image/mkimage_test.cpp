@@ -26,6 +26,7 @@ TEST_F(MkImage, BuildsAnImageThatParses)
                            "--sram", "0x20000000", "--random-data", "5", "7"});
     ASSERT_EQ(0, r.exitStatus) << r.err;
     EXPECT_EQ("Wrote out.img: 2 sections, 70143 bytes, version 2\n", r.out);
+    EXPECT_EQ("", r.err) << "version 2 keeps its OTA parameters: no note";
 
     FwParser parser;
     parser.SetFilePath(dir.File("out.img"));
@@ -54,8 +55,7 @@ TEST_F(MkImage, BuildsAnImageThatParses)
 TEST_F(MkImage, BadArgumentsGiveUsageAndStatusOne)
 {
     const std::vector<std::vector<std::string>> cases = {
-        {}, {"-o", "x.img"}, {"-o", "x.img", "missing.bin"},
-        {"-o", "x.img", "--random-data", "5", "1", "--id", "3"},
+        {}, {"-o", "x.img"}, {"-o", "x.img", "missing.bin"}, {"-o", "x.img", "--random-data", "5", "1", "--id", "3"},
         {"-o", "x.img", "--id", "12z", "--random-data", "5", "1"},
         {"-o", "x.img", "--ota-size", "100", "--random-data", "5", "1"},
         // data reaching into the image's own OTA area

@@ -171,11 +171,10 @@ TEST_F(SerialPortTest, ReadMsgTakesExactlyTheRequestedBytesOrTimesOut)
             got.insert(got.end(), buf.begin(), buf.end());
         }
         EXPECT_EQ(c.lastResult, result);
-        if (result == 0) {
+        if (result == 0)
             EXPECT_EQ(sent, got);
-        } else {
+        else
             EXPECT_TRUE(InputEmpty(port.iFd));
-        }
         port.UART_Close();
     }
 }

@@ -193,8 +193,7 @@ TEST(SimFrames, MalformedFramesAndDataPhasesGetTheMatchingErrorTypeAndStoreNothi
         {"memory read outside SRAM", Frame(0x08, {{0x20000000, 4}, {16, 4}}), 4},
         {"memory read beyond the reply buffer", Frame(0x08, {{0x00010000, 4}, {8191, 4}}), 4},
         {"memory write past the SRAM end", WriteMemory(0x0007FF00, 0x200, 0), 4},
-        {"write sectors beyond the buffer", WriteSector(0, 17, 0), 5},
-        {"speed 0", Frame(0x10, {{0x03000000, 4}}), 4},
+        {"write sectors beyond the buffer", WriteSector(0, 17, 0), 5}, {"speed 0", Frame(0x10, {{0x03000000, 4}}), 4},
     };
     Chip chip(RomFlash());
     for (const auto& c : cases) {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "common/failure_kind.h"
 #include "common/run_event_names.h"
@@ -79,11 +80,12 @@ TEST(GangVerdict, ABoardSucceedsOnlyWhenItsResultLineAndExitStatusAgreeOnSuccess
     for (const Case& c : cases) {
         Board board;
         board.stopStep = c.stop;
+        board.child.in = UniqueFd(dup(STDERR_FILENO));  // its console: closed when it ends
         if (c.exitCode != kNoResult)
             TakeEvent(board, nlohmann::json{{"event", "result"}, {"ok", c.ok}, {"exit_code", c.exitCode}, {"message", "said"}}.dump(), At(0));
         JudgeEnd(board, c.status, At(1));
         const std::string what = std::to_string(c.exitCode) + "/" + std::to_string(c.status);
-        EXPECT_TRUE(board.finished) << what;
+        EXPECT_TRUE(board.finished && !board.child.in.IsOpen()) << what;
         EXPECT_EQ(c.judgedOk, board.ok) << what;
         EXPECT_EQ(c.judgedCode, board.exitCode) << what;
         EXPECT_EQ(c.message, board.message) << what;
@@ -186,15 +188,20 @@ TEST(GangPlan, EachBoardHasAFolderUnderTheLogDirElseUnderTheReportsFolder)
     TempDir dir;
     std::vector<Board> boards;
     std::string why;
-    ASSERT_TRUE(PlanBoards({"/x/a b", "/x/a_b"}, dir.File("boards"), ToolCommand("tool", {}, dir.Path()), boards, why)) << why;
+    const ToolCommand tool("tool", {}, dir.Path());
+    ASSERT_TRUE(PlanBoards({"/x/a b", "/x/a_b", "/", ".."}, dir.File("boards"), tool, boards, why)) << why;
     EXPECT_EQ(dir.File("boards/x_a_b"), boards[0].folder);
     EXPECT_EQ(dir.File("boards/x_a_b-2"), boards[1].folder);
+    EXPECT_EQ(dir.File("boards/port-2"), boards[3].folder);  // "/" and ".." name no folder: "port"
     for (const Board& board : boards) {
         struct stat info;
         EXPECT_TRUE(stat(board.folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) << board.folder;
         const std::vector<std::string>& words = board.command;
         EXPECT_NE(words.end(), std::find(words.begin(), words.end(), board.folder + "/log.txt"));
     }
+    WriteText(dir.File("boards/dev_ttyS0"), "");  // a file where the board's folder goes
+    EXPECT_FALSE(PlanBoards({"/dev/ttyS0"}, dir.File("boards"), tool, boards, why));
+    EXPECT_EQ("cannot make " + dir.File("boards/dev_ttyS0") + ": File exists", why);
 }
 
 // The tool's JSON writer and the gang agree on every word.
@@ -205,7 +212,7 @@ TEST(GangSchema, TheToolsJsonLinesUseTheSharedNames)
     std::FILE* out = std::tmpfile();
     ASSERT_NE(nullptr, out);
     JsonSink sink(out);
-    sink.Start("/dev/p", 921600, {"main.img"});
+    sink.Start("/dev/p", 921600, {"prêt.img"});
     sink.Progress("main", "write", 1, 2);
     sink.Region("main", 2, 1.0);
     sink.Port("/dev/p", "0403", "6001", "A1", "ftdi_sio", "usb-x");
@@ -224,6 +231,7 @@ TEST(GangSchema, TheToolsJsonLinesUseTheSharedNames)
         ASSERT_NE(nullptr, std::fgets(line, sizeof line, out));
         const nlohmann::json event = nlohmann::json::parse(line);
         EXPECT_EQ(words[0], event[kFieldEvent]) << line;
+        EXPECT_TRUE(words[0] != kEventStart || Has(line, "[\"prêt.img\"]")) << line;  // UTF-8 as it is, not escaped
         EXPECT_EQ(words.size(), event.size()) << line;  // the event field and the fields named
         for (size_t i = 1; i < words.size(); ++i)
             EXPECT_TRUE(event.contains(words[i])) << words[i] << " in " << line;

@@ -198,8 +198,7 @@ TEST(UpgradeRun, CtrlCStopsBetweenStepsAndTheNextRunSucceeds)
 TEST(UpgradeRun, ImageProblemsEndTheRunBeforeAnyConnection)
 {
     const struct { std::vector<std::string> args; std::string message; } cases[] = {
-        {{"-i", "nothing.img"}, "Failed to open image file: nothing.img\n"},
-        {{"-i", "bad.img"}, "Invalid image!\n"},
+        {{"-i", "nothing.img"}, "Failed to open image file: nothing.img\n"}, {{"-i", "bad.img"}, "Invalid image!\n"},
         {{"-i", "main.img", "-e", "1", "-I", "none.img"}, "Failed to open etf image file: none.img\n"},
         {{"-i", "main.img", "-e", "1", "-I", "bad.img"}, "Invalid etf image!\n"},
         {{"-i", "small_ota.img"}, "smaller than the 2048-byte OTA header"},
