@@ -194,9 +194,12 @@ TEST(AutoBaud, LandsOnTheFastestRateTheLineCarriesAndProgramsCorrectly)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.expectedErr);
         LineBench line(false, c.shimSetting, 100000);
-        std::vector<std::string> args = {"--fast", "--auto-baud"};
+        std::vector<std::string> args = {"--fast", "--auto-baud", "-d", "1", "-l", line.bench.Path("host.log")};
         args.insert(args.end(), c.toolArgs.begin(), c.toolArgs.end());
         ProcessResult r = line.Run(args, c.simArgs);
+        const bool stepped = Has(r.err, "stepped down");  // then the rate verified first was the -b ceiling
+        const std::string log = ReadText(line.bench.Path("host.log")), verified = stepped ? c.toolArgs[1] : c.lastRate;
+        EXPECT_TRUE(Has(log, "]Link rate verified: " + verified + "\n")) << log;
         EXPECT_EQ(0, r.exitStatus);
         EXPECT_TRUE(Has(r.out + r.err, "Upgrade OK!")) << r.out << r.err;
         EXPECT_TRUE(Has(r.err, c.expectedErr)) << r.err;
@@ -205,7 +208,7 @@ TEST(AutoBaud, LandsOnTheFastestRateTheLineCarriesAndProgramsCorrectly)
         const size_t writes = CountFramesReceived(trace, kWriteSector);
         const size_t writesAtLast = CountFramesReceived(trace, kWriteSector, c.lastRate);
         EXPECT_GT(writes, 10u);
-        if (Has(r.err, "stepped down")) {
+        if (stepped) {
             EXPECT_GT(writesAtLast, 0u);
             EXPECT_LT(writesAtLast, writes);
         } else {
@@ -221,12 +224,9 @@ TEST(AutoBaud, LandsOnTheFastestRateTheLineCarriesAndProgramsCorrectly)
 // the synchronisation; none answering is an error naming the candidates.
 TEST(PortDiscovery, FindsTheOnePortWhoseBoardAnswers)
 {
-    const struct {
-        int ports;               // 1 or 2: ttyUSB0 is the bench's board, ttyUSB1 another
-        const char* otherBoard;  // the second simulator's wiring ("": it answers too)
-        bool found;
-        const char* expectedErr;
-    } cases[] = {
+    // ports: 1 or 2; ttyUSB0 is the bench's board, ttyUSB1 another
+    // otherBoard: the second simulator's wiring ("": it answers too)
+    const struct { int ports; const char* otherBoard; bool found; const char* expectedErr; } cases[] = {
         {1, "", true, "-c auto: using /dev/ttyUSB0 (/dev/serial/by-id/usb-FTDI_FT232R_USB_UART_KS000001-if00-port0)"},
         {2, "two-transistor-rts-reset", true, "-c auto: using /dev/ttyUSB0"},
         {2, "", false,

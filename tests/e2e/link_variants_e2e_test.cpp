@@ -59,11 +59,8 @@ Outcome RunOnce(bool fastAndShaped, std::vector<std::string> args, const std::ve
 TEST(LinkVariants, FastLinkOverAnAdapterEndsWithTheClassicLinksTextStatusAndFlash)
 {
     const std::vector<std::string> romFlash = {"--rom-flash", "yes"};
-    const struct {
-        std::vector<std::string> toolArgs, simArgs;
-        bool smallImage;  // the fallback runs at 115200 with one sector per command
-        size_t retryPauses;
-    } cases[] = {
+    // smallImage: the fallback runs at 115200 with one sector per command
+    const struct { std::vector<std::string> toolArgs, simArgs; bool smallImage; size_t retryPauses; } cases[] = {
         {{"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "0", "-r", "1"}, {}, false, 0},
         {{"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "1"}, {}, false, 0},  // change check on old flash
         {{"-i", "main.img", "-u", "0", "-r", "1"}, {"--fault", "WriteSector:7:error2"}, false, 1},

@@ -194,7 +194,8 @@ TEST(BringUpTexts, WhatThePortFoundIsPrintedByTheHost)
     unlisted.host.SetBaud(500000);
     const std::string list = CapturedStdout([&] { unlisted.host.OpenUart(); });
     EXPECT_EQ(0u, list.find("Baud should be one of the values below:\r\n110 300 600 1200 2400 4800 "
-                            "9600 19200 38400 57600 115200 230400 921600 ")) << list;
+                            "9600 19200 38400 57600 115200 230400 921600 1000000 1500000 2000000 3000000 \r\n\r\n"))
+        << list;
 }
 
 // The identifier read at the connection, and the capacity its last byte gives.

@@ -20,7 +20,7 @@ TEST(SizeValue, TakesHexDecimalAndSuffixesAndRefusesTheRest)
         {"0X10", true, 16},      {"64K", true, 65536},       {"64k", true, 65536},
         {"4M", true, 4u << 20},  {"0x10K", true, 16 * 1024}, {"4294967296", true, 1ull << 32},
         {"4096M", true, 1ull << 32}, {"", false, 0}, {"0x", false, 0}, {"K", false, 0},
-        {"12Q", false, 0},       {"1M2", false, 0},          {"-1", false, 0},
+        {"12Q", false, 0}, {"1F", false, 0}, {"1M2", false, 0}, {"-1", false, 0},
         {" 1", false, 0},        {"1 ", false, 0},           {"4294967297", false, 0},
         {"4097M", false, 0}, {"0x1G", false, 0}, {"1KK", false, 0}, {"99999999999999999999999", false, 0},
     };

@@ -173,18 +173,18 @@ TEST_F(DriverCli, InformationReportShowsBothImagesAndIgnoresLaterOptions)
 TEST(DriverWarnings, SilentSurprisesAreExplainedOnStderr)
 {
     const std::string kNoPort = "/nonexistent/tty";
-    const struct {
-        std::string settings;  // settings_mac.ini; empty: none
-        std::vector<std::string> args;
-        std::vector<std::string> err;  // empty: no warning at all
-    } cases[] = {
+    // settings: the text of settings_mac.ini; empty for no file
+    // err: the warnings expected; empty for none at all
+    const struct { std::string settings; std::vector<std::string> args; std::vector<std::string> err; } cases[] = {
         {"", {"-D", "r"}, {}}, {"", {"-D", "r", "extra", "-b", "9600"},
          {"warning: option parsing stopped at \"extra\"; ignored: extra -b 9600\n"}},
-        {"[comm]\niBuad=9600\n[comms]\nx=1\n[setting]\nbFastLink=1x\n[debug]\niAddress=0x10g\n", {"-D", "r"},
+        {"[comm]\niBuad=9600\n[comms]\nx=1\n[setting]\nbFastLink=1x\n[debug]\niAddress=0x10g\niLength=1x200\n",
+         {"-D", "r"},
          {"warning: ./settings_mac.ini:2: unknown key iBuad in [comm]; ignored\n",
           "warning: ./settings_mac.ini:3: unknown section [comms]; its keys are ignored\n",
           "warning: ./settings_mac.ini:6: bFastLink=1x is not a whole decimal number",
           "warning: ./settings_mac.ini:8: iAddress=0x10g is not a whole 0x hexadecimal number",
+          "warning: ./settings_mac.ini:9: iLength=1x200 is not a whole 0x hexadecimal number",
           "warning: address 0x00000010 is not at a 512-byte sector start"}},
         {"", {"-C", "absent.ini", "-D", "r"},
          {"warning: settings file absent.ini cannot be read (No such file or directory)"}},

@@ -43,12 +43,13 @@ TEST(ExitCodes, OnlyWithTheOptionDoesTheStatusTellTheOutcome)
 {
     TempDir dir;
     const struct { const char* name; std::vector<std::string> args; int classic, withCode; } cases[] = {
-        {"unknown option", {"-x"}, 0, 2},
+        {"unknown option", {"-x"}, 0, 2}, {"version", {"--version"}, 0, 0},
         {"report on missing images", {"-i", "none.img", "-I", "none2.img", "-s"}, 0, 3},
         {"debug road, device missing", {"-D", "r", "-c", "/nonexistent/tty"}, 255, 4},
         {"combine, image missing", {"-D", "n", "-g", "1", "-i", "none.img"}, 255, 3},
         {"upgrade, image missing", {"-D", "n", "-i", "none.img"}, 0, 3},
         {"upgrade, device missing", {"-D", "n", "-i", "main.img", "-c", "/nonexistent/tty"}, 0, 4},
+        {"verify, device missing", {"--verify", "-i", "main.img", "-c", "/nonexistent/tty"}, 255, 4},
         // The log's folder cannot be made (its parent is a file): a local file, not "no answer".
         {"debug road, log folder", {"-D", "r", "-d", "1", "-l", "plain/log.txt", "-c", "/none/tty"}, 255, 9},
         {"upgrade, log folder", {"-D", "n", "-i", "main.img", "-d", "1", "-l", "plain/log.txt", "-c", "/none/tty"}, 0, 9},

@@ -3,6 +3,7 @@
 // is handed to it as its roots.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,7 +21,9 @@ void MakeFolders(const std::string& path)
     mkdir(path.c_str(), 0755);
 }
 
-TEST(PortList, UsbIdsSerialDriverAndByIdNameComeFromSysfs)
+size_t OpenDescriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
+
+TEST(PortList, UsbIdsSerialDriverAndByIdNameComeFromSysfsAndEveryFolderReadIsClosed)
 {
     TempDir dir;
     const std::string sys = dir.File("sys"), dev = dir.File("dev");
@@ -28,7 +31,9 @@ TEST(PortList, UsbIdsSerialDriverAndByIdNameComeFromSysfs)
     for (const char* name : {"ttyACM0", "ttyS0", "console"})
         WriteText(dev + "/" + name, "");
 
+    const size_t descriptors = OpenDescriptors();
     const std::vector<SerialPortInfo> ports = ListSerialPorts(sys, dev);
+    EXPECT_EQ(descriptors, OpenDescriptors());
     ASSERT_EQ(2u, ports.size()) << "ttyS0 and console are not USB serial ports";
     EXPECT_EQ(dev + "/ttyACM0", ports[0].path);
     EXPECT_EQ("", ports[0].vendor) << "no sysfs entry: nothing invented";

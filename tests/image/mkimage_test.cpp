@@ -49,6 +49,7 @@ TEST_F(MkImage, BuildsAnImageThatParses)
     std::vector<unsigned char> image = ReadFileBytes(dir.File("out.img"));
     EXPECT_TRUE(std::equal(file.begin(), file.end(), image.begin() + 64));
     EXPECT_TRUE(std::equal(file.begin(), file.begin() + 5, image.end() - 5));
+    EXPECT_EQ(std::vector<unsigned char>(10, 0), std::vector<unsigned char>(image.end() - 79, image.end() - 69)) << "gap";
     EXPECT_NE(file, std::vector<unsigned char>(file.size(), file[0]));
 }
 

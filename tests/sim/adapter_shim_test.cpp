@@ -92,12 +92,8 @@ TEST(AdapterShim, AFakeSysfsPresentsAUsbAdapterThatLeadsToTheSimulator)
     acm.manufacturer = "Kestrel";
     acm.productName = "Probe";
     acm.latencyTimer = -1;
-    const struct {
-        FakeAdapter adapter;
-        const char* port;
-        const char* byId;
-        const char* device;  // where the tty's device link leads
-    } cases[] = {
+    // device: where the tty's device link leads
+    const struct { FakeAdapter adapter; const char* port; const char* byId; const char* device; } cases[] = {
         {FakeAdapter(), "port /dev/ttyUSB0 0403:6001 ftdi_sio KS000001",
          "/dev/serial/by-id/usb-FTDI_FT232R_USB_UART_KS000001-if00-port0",
          "/sys/devices/pci0000:00/0000:00:14.0/usb1/1-2/1-2:1.0/ttyUSB0"},

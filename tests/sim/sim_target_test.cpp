@@ -392,11 +392,8 @@ TEST(SimFaults, DegradeFiresBesideOtherFaultsAndHandsOverItsRateOnce)
 
 TEST(SimFaults, EachReplyFaultShowsOnTheWire)
 {
-    const struct {
-        const char* kind;
-        const char* reply;  // its first 16 bytes at most
-        size_t size;
-    } cases[] = {
+    // reply: its first 16 bytes at most
+    const struct { const char* kind; const char* reply; size_t size; } cases[] = {
         {"error2", "42 52 4F 4D 05 01 5F 66 00 00 00 01 02", 13},
         {"error7F", "42 52 4F 4D 05 01 5E E9 00 00 00 01 7F", 13}, {"noreply", "", 0},
         {"badsum", "42 52 4F 4D 06 01 44 22 00 00 00 03 C8 40 16", 15},
@@ -421,10 +418,8 @@ TEST(SimFaults, EachReplyFaultShowsOnTheWire)
 TEST(SimFaults, WhenAndWhatSelectWhichCommandsAreHitAndTheFirstFiringSpecWins)
 {
     const int kClean = -1, kSilent = -2;
-    const struct {
-        std::vector<std::string> specs;
-        std::vector<int> got;  // for the 1st .. 5th Read_4_byte: its error type
-    } cases[] = {
+    // got: for the 1st .. 5th Read_4_byte: its error type
+    const struct { std::vector<std::string> specs; std::vector<int> got; } cases[] = {
         {{"Read_4_byte:2:error4"}, {kClean, 4, kClean, kClean, kClean}},
         {{"0x04:3+:error4"}, {kClean, kClean, 4, 4, 4}}, {{"any:every:error4"}, {4, 4, 4, 4, 4}},
         {{"any:2:noreply", "Read_4_byte:2:error4"}, {kClean, kSilent, kClean, kClean, kClean}},

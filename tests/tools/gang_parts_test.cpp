@@ -112,6 +112,8 @@ TEST(GangTable, RowsAreCutToTheTerminalWidth)
         EXPECT_EQ(c.row, TableRow(board, c.width)) << c.width;
         EXPECT_GE(std::max<size_t>(c.width - 1, 1), TableHeading(c.width).size()) << c.width;
     }
+    board.port = "/dev/serial/by-id/usb-K-port";  // 28 characters: the port column holds them whole
+    EXPECT_EQ(board.port + " main verify", TableRow(board, 200).substr(0, 40));
     // Characters, not bytes, and never half a character.
     EXPECT_EQ("a\xC3\xA4" "b", FitColumns("a\xC3\xA4" "bc", 3));
 }
@@ -161,12 +163,12 @@ TEST(GangCommand, InputsAreFoundFromTheGangsFolderAndEverySettingsLoadKeepsTheBo
     TempDir dir;
     const std::string b = dir.Path();
     WriteText(dir.File("settings_mac.ini"), "[firmware]\nstrImagePath=rel.img\nstrEtfImagePath=/abs/etf.img\n");
-    ToolCommand command("bin/tool", {"-D", "n", "-r1", "-imain.img", "-C", "other.ini", "-G", "out.cimg", "-s", "-i", "x"}, b);
+    ToolCommand command("bin/tool", {"-D", "n", "--fast", "-r1", "-imain.img", "-C", "o.ini", "-G", "o.cimg", "-s", "-i", "x"}, b);
     const std::vector<std::string> expected = {
         b + "/bin/tool", "-C", b + "/settings_mac.ini", "-i", b + "/rel.img", "-B", b + "/a.bin", "-c", "/dev/p",
-        "-l", "/f/log.txt", "--json", "-D", "n", "-r", "1", "-i", b + "/main.img",
-        "-C", b + "/other.ini", "-i", b + "/tq-system.img", "-I", b + "/tq-system_etf.img", "-B", b + "/a.bin",
-        "-c", "/dev/p", "-l", "/f/log.txt", "-G", "out.cimg", "-s", "-i", "x"};
+        "-l", "/f/log.txt", "--json", "-D", "n", "--fast", "-r", "1", "-i", b + "/main.img",
+        "-C", b + "/o.ini", "-i", b + "/tq-system.img", "-I", b + "/tq-system_etf.img", "-B", b + "/a.bin",
+        "-c", "/dev/p", "-l", "/f/log.txt", "-G", "o.cimg", "-s", "-i", "x"};
     EXPECT_EQ(expected, command.For("/dev/p", "/f/log.txt"));
     EXPECT_EQ(b + "/pty", command.For("pty", "/f/log.txt")[8]);
 }

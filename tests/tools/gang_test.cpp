@@ -21,7 +21,7 @@ std::string GangPath() { return KESTREL_GANG_BIN; }
 
 const char kFakeTool[] = R"SH(#!/bin/sh
 # Stand-in for kestrelQT_u: the port (the last -c) says what to do.
-case " $* " in *" --list-ports "*) echo '{"event":"port","path":"/x/ok1","vid":"0403"}'; exit 0 ;; esac
+case " $* " in *" --list-ports "*) printf '{"event":"port","path":"/x/ok1","vid":"0403"}\n[1]\n'; exit 0 ;; esac
 port=
 while [ $# -gt 0 ]; do [ "$1" = -c ] && port=$2; shift; done
 name=$(basename "$port")
@@ -93,7 +93,13 @@ protected:
             _exit(127);
         }
         setpgid(pid, pid);
-        return pid;
+        return group = pid;
+    }
+    // A gang a failed assertion left running is killed: it holds the test's output open.
+    void TearDown() override
+    {
+        if (group > 0 && waitpid(group, nullptr, WNOHANG) == 0 && kill(-group, SIGKILL) == 0)
+            waitpid(group, nullptr, 0);
     }
     // Whether the gang started so ends within 20 s; if not, its group is killed, so
     // that a gang that never ends fails the test instead of hanging it.
@@ -110,6 +116,7 @@ protected:
     TempDir dir;
     std::string tool;
     std::string reportPath = dir.File("report.json");
+    pid_t group = 0;  // the gang started in its own group, if any
 };
 
 TEST_F(Gang, EveryBoardHasItsRowAndTheStatusIsZeroOnlyWhenAllSucceeded)

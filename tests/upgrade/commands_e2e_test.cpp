@@ -229,11 +229,8 @@ TEST(CommandsEndToEnd, WriteLeavesFlashEqualToTheModel)
 // Every refusal comes before the target is touched: no identification, flash as it was.
 TEST(CommandsEndToEnd, BadValuesAreRefusedBeforeTheConnection)
 {
-    const struct {
-        std::vector<std::string> options;
-        std::string line;
-        int exitCode;  // with --exit-code
-    } cases[] = {
+    // exitCode: with --exit-code
+    const struct { std::vector<std::string> options; std::string line; int exitCode; } cases[] = {
         {{"--write", "0x1000x:a.bin"}, "Bad --write value: 0x1000x:a.bin", 2},
         {{"--write", "0:absent.bin"}, "Failed to read file: absent.bin\n", 3},
         {{"--write", "sum.hex"}, "Bad Intel HEX file: sum.hex line 1: checksum error\n", 3},

@@ -103,11 +103,9 @@ TEST(FlashDebugEndToEnd, FailuresEndTheToolWithStatus255AndLeaveFlashAndFolderAl
 // it takes), bExitCode turns the refusal's classic 255 into its class.
 TEST(FlashDebugEndToEnd, LinkAndStatusKeysOfTheSettingsFileTakeEffect)
 {
-    const struct {
-        std::string settings;
-        size_t readCommands;  // ReadSector frames for the 16 sectors
-        int refusedStatus;    // a range past the flash's end
-    } cases[] = {
+    // readCommands: ReadSector frames for the 16 sectors
+    // refusedStatus: a range past the flash's end
+    const struct { std::string settings; size_t readCommands; int refusedStatus; } cases[] = {
         {"[setting]\nbFastLink=1\niSectorsPerCommand=2\n", 8, 255},
         {"[setting]\nbFastLink=1\n", 4, 255},  // the fast link's default: four
         {"[setting]\nbFastLink=1\niSectorsPerCommand=15\nbExitCode=1\n", 2, 2},
@@ -152,12 +150,8 @@ TEST(FlashDebugEndToEnd, RefusalsComeBeforeAnyByteIsWrittenOrRead)
     std::filesystem::create_directory(bench.Path("folder"));
     std::filesystem::create_directory(bench.Path("flash_A_0x0_L_0x200.bin"));
     ASSERT_EQ(0, mkfifo(bench.Path("pipe").c_str(), 0600));
-    const struct {
-        std::vector<std::string> args;  // a "-c" among them replaces the simulator's port
-        std::string line;
-        int status;
-        int exitCode;
-    } cases[] = {
+    // args: a "-c" among them replaces the simulator's port
+    const struct { std::vector<std::string> args; std::string line; int status; int exitCode; } cases[] = {
         {{"-D", "r", "-c", "main.img"}, "Refused: the port main.img is a regular file, not a terminal; nothing written\n", 255, 4},
         {{"-D", "r", "-c", "/dev/null"}, "Refused: the port /dev/null is a mem device, not a terminal", 255, 4},
         {{"-D", "e", "-c", "folder"}, "Refused: the port folder is a folder, not a terminal", 255, 4},

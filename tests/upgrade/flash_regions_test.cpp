@@ -10,11 +10,8 @@ constexpr uint64_t k4M = 4u << 20;
 
 TEST(CheckFlashRegions, RefusesRegionsPastTheFlashOrOverlappingAndNamesThem)
 {
-    const struct {
-        std::vector<FlashRegion> regions;
-        uint64_t capacity;
-        const char* why;  // nullptr: accepted
-    } cases[] = {
+    // why: nullptr when the regions are accepted
+    const struct { std::vector<FlashRegion> regions; uint64_t capacity; const char* why; } cases[] = {
         // Touching regions and a region ending exactly at the flash's end fit.
         {{{"main image", 0, 0x1F8000}, {"OTA area", 0x1F8000, 0x8000}, {"ETF image", 0x200000, 0x200000}},
          k4M, nullptr},

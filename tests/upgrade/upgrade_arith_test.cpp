@@ -17,10 +17,8 @@ using Bytes = std::vector<unsigned char>;
 
 TEST(BlockPercent, FollowsTheProgressNumbering)
 {
-    const struct {
-        uint32_t total, index;
-        uint32_t expected[4];  // check/erase, write, read, verify
-    } cases[] = {
+    // expected: check/erase, write, read, verify
+    const struct { uint32_t total, index; uint32_t expected[4]; } cases[] = {
         {1, 0, {10, 30, 50, 70}}, {4, 0, {10, 15, 20, 25}}, {4, 3, {70, 75, 80, 85}},
         {3, 0, {10, 16, 23, 30}}, {3, 1, {36, 43, 50, 56}}, {3, 2, {63, 70, 76, 83}},
         {65535, 65534, {89, 89, 89, 89}},  // the largest 32-bit image stays below the tail's 90
