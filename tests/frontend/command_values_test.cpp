@@ -50,7 +50,7 @@ TEST(IntelHex, PlacesDataByExtendedAddressesAndRefusesWhatItCannotUse)
         {":0200000011AA44\n:00000001FF\n", "b.hex line 1: checksum error"},
         {":0200000611AA3D\n:00000001FF\n", "b.hex line 1: record type it cannot use"},
         {":03000004000300F6\n:00000001FF\n", "b.hex line 1: address record of the wrong length"},
-        {"0200000011AA43\n", "b.hex line 1: not a record"}, {":0300000011AA43\n", "b.hex line 1: not a record"},
+        {";0200000011AA43\n", "b.hex line 1: not a record"}, {":0300000011AA43\n", "b.hex line 1: not a record"},
         {":0200000011AA43\n", "b.hex: no end record"},
         {":0200000011AA43\n:0100010022DC\n:00000001FF\n", "b.hex line 2: bytes given twice"},
         {":00000001FF\n:0200000011AA43\n", "b.hex line 2: record after the end record"},

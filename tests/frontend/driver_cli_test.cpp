@@ -275,7 +275,7 @@ TEST_F(DriverCli, JsonReportGivesTheImagesAsData)
     spec.sections[0].id = 7;
     spec.sections[1].data = PatternBytes(10, 2);
     ASSERT_TRUE(WriteFileBytes(dir.File("main.img"), BuildImage(spec)));
-    ProcessResult r = Run({"--json", "-i", "main.img", "-I", "none.img", "-s"});
+    ProcessResult r = Run({"--json", "-i", "main.img", "-I", "n\xC3\xB6ne.img", "-s"});  // UTF-8 stays as it is
     EXPECT_EQ(3, r.exitStatus);  // --json implies --exit-code: an image failed
     const std::vector<std::string> got = TextLines(r.out);
     ASSERT_EQ(3u, got.size()) << r.out;
@@ -283,7 +283,7 @@ TEST_F(DriverCli, JsonReportGivesTheImagesAsData)
                              "\"attribute\":0,\"data_checksum\":",
                              "\"data_size\":100,\"next_section\":164,", "\"next_section\":4294967295,", "\"valid\":true"})
         EXPECT_TRUE(Has(got[0], part)) << got[0];
-    EXPECT_EQ("{\"error\":\"Open image file failed\",\"event\":\"image\",\"path\":\"none.img\",\"role\":\"etf\","
+    EXPECT_EQ("{\"error\":\"Open image file failed\",\"event\":\"image\",\"path\":\"n\xC3\xB6ne.img\",\"role\":\"etf\","
               "\"sections\":[],\"valid\":false}",
               got[1]);
     EXPECT_TRUE(Has(got[2], "\"event\":\"result\"")) << got[2];

@@ -13,6 +13,7 @@
 #include "common/run_report.h"
 #include "frontend/run_sinks.h"
 #include "tests/support/process.h"
+#include "tests/support/serial_fixtures.h"
 #include "tools/gang/board_events.h"
 #include "tools/gang/board_plan.h"
 #include "tools/gang/display.h"
@@ -114,6 +115,13 @@ TEST(GangTable, RowsAreCutToTheTerminalWidth)
     }
     board.port = "/dev/serial/by-id/usb-K-port";  // 28 characters: the port column holds them whole
     EXPECT_EQ(board.port + " main verify", TableRow(board, 200).substr(0, 40));
+    // The live table redraws in place: up over the heading and both rows, once per redraw.
+    Display live(true);
+    const std::vector<Board> two(2);
+    const std::string drawn = CapturedStdout([&] { live.Show(two); live.Show(two); });
+    EXPECT_EQ(0u, drawn.find("\033[J")) << drawn;
+    EXPECT_EQ(drawn.find("\033[3A"), drawn.rfind("\033[3A")) << drawn;
+    EXPECT_NE(std::string::npos, drawn.find("\033[3A\033[J")) << drawn;
     // Characters, not bytes, and never half a character.
     EXPECT_EQ("a\xC3\xA4" "b", FitColumns("a\xC3\xA4" "bc", 3));
 }

@@ -203,23 +203,27 @@ TEST_F(Gang, BadRequestsAreRefusedBeforeAnyBoardIsTouched)
     EXPECT_EQ("", help.err);
 }
 
-TEST_F(Gang, ACtrlCAtTheTerminalStopsEveryBoardInsteadOfKillingIt)
+TEST_F(Gang, ACtrlCAtTheTerminalOrASigtermStopsEveryBoardInsteadOfKillingIt)
 {
-    pid_t pid = StartInItsOwnGroup(Args({"--jobs", "2", "/x/wait1", "/x/wait2", "/x/ok3"}));
-    ASSERT_TRUE(WaitForMarks({"started-wait1", "started-wait2"}));
-    kill(-pid, SIGINT);
-    int status = 0;
-    ASSERT_TRUE(Ends(pid, status));
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(1, WEXITSTATUS(status));
-    nlohmann::json report = Report();
-    ASSERT_EQ(3u, report["boards"].size());
-    const char* const messages[] = {"stopped by the user", "stopped by the user", "not started: stopped by the user"};
-    for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(run_event::kExitStopped, report["boards"][i]["exit_code"]) << i;
-        EXPECT_EQ(messages[i], report["boards"][i]["message"]) << i;
+    for (int signal : {SIGINT, SIGTERM}) {  // Ctrl-C reaches the whole group; SIGTERM (a service stop) the gang
+        for (const char* mark : {"started-wait1", "started-wait2"})
+            unlink(dir.File(mark).c_str());
+        pid_t pid = StartInItsOwnGroup(Args({"--jobs", "2", "/x/wait1", "/x/wait2", "/x/ok3"}));
+        ASSERT_TRUE(WaitForMarks({"started-wait1", "started-wait2"}));
+        kill(signal == SIGINT ? -pid : pid, signal);
+        int status = 0;
+        ASSERT_TRUE(Ends(pid, status));
+        EXPECT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(1, WEXITSTATUS(status));
+        nlohmann::json report = Report();
+        ASSERT_EQ(3u, report["boards"].size());
+        const char* const messages[] = {"stopped by the user", "stopped by the user", "not started: stopped by the user"};
+        for (size_t i = 0; i < 3; ++i) {
+            EXPECT_EQ(run_event::kExitStopped, report["boards"][i]["exit_code"]) << signal << " " << i;
+            EXPECT_EQ(messages[i], report["boards"][i]["message"]) << signal << " " << i;
+        }
+        EXPECT_FALSE(Marked("started-ok3"));
     }
-    EXPECT_FALSE(Marked("started-ok3"));
 }
 
 // Each Ctrl-C takes a board one step further: "stop" typed, then SIGTERM, then SIGKILL

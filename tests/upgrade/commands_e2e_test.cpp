@@ -107,7 +107,7 @@ TEST(CommandsEndToEnd, VerifyComparesWithoutErasingOrWriting)
     EXPECT_TRUE(Has(same.out, "Verify OK!\n"));
     EXPECT_EQ(0u, CountFramesReceived(bench.Trace(), kOpEraseFlash) + CountFramesReceived(bench.Trace(), kOpWriteSector));
 
-    flash[0x12345] ^= 0x5A;
+    flash[0x12345] ^= 0x5A, flash[0x18000] ^= 0x5A;  // two differences in one block
     bench.WriteFile("flash.bin", flash);
     ProcessResult differs = bench.Run({"-i", "main.img", "--verify"});
     EXPECT_EQ(7, differs.exitStatus) << differs.out;
