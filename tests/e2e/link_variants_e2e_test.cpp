@@ -54,23 +54,13 @@ Outcome RunOnce(bool fastAndShaped, std::vector<std::string> args, const std::ve
     return outcome;
 }
 
-// Faults count commands; the fast link sends fewer reads (the change check stops
-// early), so faults here name commands both links send alike.
-TEST(LinkVariants, FastLinkOverAnAdapterEndsWithTheClassicLinksTextStatusAndFlash)
+// smallImage: the fallback runs at 115200 with one sector per command
+struct LinkCase { std::vector<std::string> toolArgs, simArgs; bool smallImage; size_t retryPauses; };
+
+// Runs each case on both links. The cases are split over three tests so that they
+// run side by side.
+void ExpectBothLinksEndAlike(const std::vector<LinkCase>& cases)
 {
-    const std::vector<std::string> romFlash = {"--rom-flash", "yes"};
-    // smallImage: the fallback runs at 115200 with one sector per command
-    const struct { std::vector<std::string> toolArgs, simArgs; bool smallImage; size_t retryPauses; } cases[] = {
-        {{"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "0", "-r", "1"}, {}, false, 0},
-        {{"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "1"}, {}, false, 0},  // change check on old flash
-        {{"-i", "main.img", "-u", "0", "-r", "1"}, {"--fault", "WriteSector:7:error2"}, false, 1},
-        {{"-i", "main.img", "-u", "1"}, {"--fault", "EraseFlash:2:noreply"}, false, 1},
-        {{"-i", "main.img", "-u", "0"}, {"--fault", "EraseFlash:every:error2@921600"}, true, 4},  // falls back
-        {{"-i", "main.img", "-u", "0", "-r", "1"}, {"--fault", "ReadSector:1+:bitflip"}, true, 5},
-        {{"-D", "r", "-A", "0x30200", "-L", "0x8345"}, romFlash, true, 0},
-        {{"-D", "w", "-A", "0x20000", "-L", "0x8345", "-B", "data.bin"}, romFlash, true, 0},
-        {{"-D", "e", "-A", "0x10080", "-L", "0x20000"}, romFlash, true, 0},
-    };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.toolArgs.back() + (c.simArgs.empty() ? "" : " " + c.simArgs[1]));
         const Bytes image =
@@ -88,6 +78,36 @@ TEST(LinkVariants, FastLinkOverAnAdapterEndsWithTheClassicLinksTextStatusAndFlas
             EXPECT_FALSE(Has(fast.result.out, "failed")) << fast.result.out;
         }
     }
+}
+
+TEST(LinkVariants, FastLinkOverAnAdapterEndsUpgradesWithTheClassicLinksTextStatusAndFlash)
+{
+    ExpectBothLinksEndAlike({
+        {{"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "0", "-r", "1"}, {}, false, 0},
+        {{"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "1"}, {}, false, 0},  // change check on old flash
+    });
+}
+
+// Faults count commands; the fast link sends fewer reads (the change check stops
+// early), so faults here name commands both links send alike.
+TEST(LinkVariants, FastLinkOverAnAdapterEndsFaultedUpgradesWithTheClassicLinksTextStatusAndFlash)
+{
+    ExpectBothLinksEndAlike({
+        {{"-i", "main.img", "-u", "0", "-r", "1"}, {"--fault", "WriteSector:7:error2"}, false, 1},
+        {{"-i", "main.img", "-u", "1"}, {"--fault", "EraseFlash:2:noreply"}, false, 1},
+        {{"-i", "main.img", "-u", "0"}, {"--fault", "EraseFlash:every:error2@921600"}, true, 4},  // falls back
+        {{"-i", "main.img", "-u", "0", "-r", "1"}, {"--fault", "ReadSector:1+:bitflip"}, true, 5},
+    });
+}
+
+TEST(LinkVariants, FastLinkOverAnAdapterEndsFlashDebugWithTheClassicLinksTextStatusAndFlash)
+{
+    const std::vector<std::string> romFlash = {"--rom-flash", "yes"};
+    ExpectBothLinksEndAlike({
+        {{"-D", "r", "-A", "0x30200", "-L", "0x8345"}, romFlash, true, 0},
+        {{"-D", "w", "-A", "0x20000", "-L", "0x8345", "-B", "data.bin"}, romFlash, true, 0},
+        {{"-D", "e", "-A", "0x10080", "-L", "0x20000"}, romFlash, true, 0},
+    });
 }
 
 // A two-block image whose second block has 16 erased sectors, then the same image
