@@ -99,8 +99,7 @@ TEST_F(HostLogTest, LogThatCannotBeMadeFailsTheStart)
     std::string file = dir.File("plain");
     fclose(fopen(file.c_str(), "w"));
     const std::pair<std::string, std::string> cases[] = {
-        {file + "/sub/log.txt",
-         "mkdir=" + file + "/sub:msg=Not a directory\nFailed to create folder!\n"
+        {file + "/sub/log.txt", "mkdir=" + file + "/sub:msg=Not a directory\nFailed to create folder!\n"
          "Failed to open log file!\n"},
         {dir.Path(), "Failed to open log file!\nFailed to open log file!\n"},  // a folder
     };

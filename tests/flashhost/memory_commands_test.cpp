@@ -119,8 +119,7 @@ TEST(CommandTimeouts, EveryCommandNamesItsWaitForAck)
         ASSERT_EQ(0, side.host.OpenUart()) << side.host.m_strMsg;
         side.link.SetFaults({"any:1:vanish"});
         EXPECT_EQ(-1, c.send(side.host));
-        EXPECT_EQ(std::string("Cmd ") + c.what + " waits for ack timeout or comm error!",
-                  side.host.m_strMsg);
+        EXPECT_EQ(std::string("Cmd ") + c.what + " waits for ack timeout or comm error!", side.host.m_strMsg);
     }
 }
 

@@ -94,8 +94,7 @@ TEST_F(DriverCli, SettingsReportAndEmptyCombinePath)
               "Baud:921600\nLog path:./log/log.txt\nLog level:0\nImage path:tq-system.img\n"
               "ETF image path:tq-system_etf.img\nRead and check:NO\nUpdate change only:YES\n"
               "Program ETF image:NO\nUse flash compat:YES\n\nEnable combine image!\n"
-              "Combine image path:\nFailed to create combine image file: \n",
-              r.out);
+              "Combine image path:\nFailed to create combine image file: \n", r.out);
     EXPECT_EQ(255, r.exitStatus);
 }
 
@@ -161,8 +160,7 @@ TEST_F(DriverCli, InformationReportShowsBothImagesAndIgnoresLaterOptions)
     EXPECT_EQ(std::string(kAsterisks) + "                firmware information             \n" +
                   kAsterisks + parser.GetFwInfo() + kAsterisks +
                   "             ETF firmware information            \n" + kAsterisks +
-                  "Invalid Fiwmare: Open image file failed !!",
-              r.out);
+                  "Invalid Fiwmare: Open image file failed !!", r.out);
     EXPECT_EQ(0, r.exitStatus);
 }
 
@@ -179,8 +177,7 @@ TEST(DriverWarnings, SilentSurprisesAreExplainedOnStderr)
         {"", {"-D", "r"}, {}}, {"", {"-D", "r", "extra", "-b", "9600"},
          {"warning: option parsing stopped at \"extra\"; ignored: extra -b 9600\n"}},
         {"[comm]\niBuad=9600\n[comms]\nx=1\n[setting]\nbFastLink=1x\n[debug]\niAddress=0x10g\niLength=1x200\n",
-         {"-D", "r"},
-         {"warning: ./settings_mac.ini:2: unknown key iBuad in [comm]; ignored\n",
+         {"-D", "r"}, {"warning: ./settings_mac.ini:2: unknown key iBuad in [comm]; ignored\n",
           "warning: ./settings_mac.ini:3: unknown section [comms]; its keys are ignored\n",
           "warning: ./settings_mac.ini:6: bFastLink=1x is not a whole decimal number",
           "warning: ./settings_mac.ini:8: iAddress=0x10g is not a whole 0x hexadecimal number",
@@ -284,7 +281,6 @@ TEST_F(DriverCli, JsonReportGivesTheImagesAsData)
                              "\"data_size\":100,\"next_section\":164,", "\"next_section\":4294967295,", "\"valid\":true"})
         EXPECT_TRUE(Has(got[0], part)) << got[0];
     EXPECT_EQ("{\"error\":\"Open image file failed\",\"event\":\"image\",\"path\":\"n\xC3\xB6ne.img\",\"role\":\"etf\","
-              "\"sections\":[],\"valid\":false}",
-              got[1]);
+              "\"sections\":[],\"valid\":false}", got[1]);
     EXPECT_TRUE(Has(got[2], "\"event\":\"result\"")) << got[2];
 }

@@ -83,8 +83,7 @@ TEST(GetProfileNumbers, ConversionRules)
     const NumberCase cases[] = {
         {"<none>", 77, 512, 2.5f}, {"   ", 0, 0, 0.0f}, {"abc", 0, 0xC, 0.0f}, {"12abc", 12, 0xABC, 12.0f},
         {"-5", -5, 0, -5.0f}, {"0x00010000", 0, 65536, 65536.0f}, {"0X1f", 0, 31, 31.0f}, {"0x200", 0, 512, 512.0f},
-        {"1000", 1000, 0, 1000.0f},
-        {"", 0, 0, 0.0f},  // nothing left over from the value before
+        {"1000", 1000, 0, 1000.0f}, {"", 0, 0, 0.0f},  // nothing left over from the value before
         {"0x", 0, 0, 0.0f}, {"0x1FFFFFFFF", 0, 0xFFFFFFFF, 8589934591.0f}, {"1.5", 1, 5, 1.5f},
         // Longer than 19 characters: cut to its first 19, never written past the buffer.
         {"000000000000000000012", 0, 0, 0.0f},

@@ -43,8 +43,7 @@ TEST(GetDefaultSettings, FileValuesAndDefaults)
     Load("/nonexistent/settings_mac.ini");
     // The combine flag is never touched by the loader.
     EXPECT_EQ("/dev/ttyUSB0 921600 ./log/log.txt tq-system.img tq-system_etf.img [] a.bin "
-              "r0 u1 e0 d0 f1 g90 op1 A0 L200",
-              Describe());
+              "r0 u1 e0 d0 f1 g90 op1 A0 L200", Describe());
 
     const std::pair<std::string, const char*> cases[] = {
         {"[debug]\niDebugOp=n\n", "op0"}, {"[debug]\niDebugOp=R\n", "op0"}, {"[debug]\niDebugOp=\n", "op0"},
@@ -101,8 +100,7 @@ TEST(ApplyOptions, FieldsInTheOrderGiven)
     }
     Apply({"-b", "1", "-d", "258", "-r", "1", "-u", "0", "-D", "w", "-B", "w.bin", "-i", longName});
     EXPECT_EQ(std::string("/dev/ttyUSB0 1 ./log/log.txt ") + std::string(259, 'a') +
-                  " tq-system_etf.img [] w.bin r1 u0 e0 d2 f1 g0 op2 A0 L200",
-              Describe());
+                  " tq-system_etf.img [] w.bin r1 u0 e0 d2 f1 g0 op2 A0 L200", Describe());
 }
 
 TEST(ApplyOptions, OutcomesAndStopRules)
@@ -136,8 +134,7 @@ TEST(ApplyOptions, ReloadKeepsOnlyTheCombineFields)
     EXPECT_EQ(57600u, g_Setting.iBaud);
     Apply({"-g", "1", "-G", "o.cimg", "-D", "e", "-b", "9600", "-c", "x", "-C", "/nonexistent.ini"});
     EXPECT_EQ("/dev/ttyUSB0 921600 ./log/log.txt tq-system.img tq-system_etf.img [o.cimg] a.bin "
-              "r0 u1 e0 d0 f1 g1 op1 A0 L200",
-              Describe());
+              "r0 u1 e0 d0 f1 g1 op1 A0 L200", Describe());
 }
 
 }  // namespace

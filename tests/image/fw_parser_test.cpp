@@ -155,9 +155,7 @@ TEST_F(FwParserTest, ReportHasARowOfFieldsPerSection)
                       " 1      0x01000000       0x00000000\t 0x00001234\t 0x00001400\t 0x00000001\t "
                       "0xFFFFFFFFFFFFFFFFFFFFFFFF\r\n"
                       " 2      0xABCDEF12       0x20000000\t 0x00000000\t 0xFFFFFFFF\t 0x00000000\t "
-                      "0x000102030405060708090ABC\r\n" +
-                  stars + "\r\n",
-              parser.GetFwInfo());
+                      "0x000102030405060708090ABC\r\n" + stars + "\r\n", parser.GetFwInfo());
 }
 
 }  // namespace

@@ -11,8 +11,7 @@
 #include "tools/image_builder.h"
 
 // A sealed header for data of the given bytes, with the given next_section.
-inline std::vector<uint8_t> SectionBytes(const std::vector<uint8_t>& data, uint32_t next,
-                                         uint32_t id = 0)
+inline std::vector<uint8_t> SectionBytes(const std::vector<uint8_t>& data, uint32_t next, uint32_t id = 0)
 {
     std::vector<uint8_t> out(kSectionHeaderSize, 0xFF);
     unsigned char* h = out.data();

@@ -268,8 +268,7 @@ TEST(GangEndToEnd, RealToolOnSimulatedBoardsOneOfThemDead)
     ASSERT_TRUE(good1.Started() && good2.Started() && dead.Started());
     ProcessResult r = RunProcess(GangPath(), {"--report", "report.json", "--log-dir", "logs",
                                               good1.DevicePath(), dead.DevicePath(), good2.DevicePath(),
-                                              "--", "--fast", "-i", "main.img", "-r", "1"},
-                                 {dir.Path()});
+                                              "--", "--fast", "-i", "main.img", "-r", "1"}, {dir.Path()});
     EXPECT_EQ(1, r.exitStatus) << r.out;
     nlohmann::json report = nlohmann::json::parse(std::ifstream(dir.File("report.json")), nullptr, false);
     ASSERT_EQ(3u, report["boards"].size());

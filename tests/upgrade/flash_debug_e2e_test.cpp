@@ -32,8 +32,7 @@ TEST(FlashDebugEndToEnd, EachOperationTouchesExactlyItsRange)
         {{"-D", "e", "-A", "0x10080", "-L", "0x100"}, {"Erase addr:0x00010080 len:0x00000100 OK!\n"},
          [](Bytes& f) { std::fill(f.begin() + 0x10000, f.begin() + 0x20000, 0xFF); }},
         {{"-D", "w", "-A", "0x20000", "-L", "0x11234", "-B", "image.bin"},
-         {"Write bin file:image.bin\n", "Write addr:0x00020000 len:0x00011234 OK!\n"},
-         [&](Bytes& f) {
+         {"Write bin file:image.bin\n", "Write addr:0x00020000 len:0x00011234 OK!\n"}, [&](Bytes& f) {
              for (size_t i = 0; i < file.size(); ++i)
                  f[0x20000 + i] &= file[i];
          }},

@@ -30,8 +30,7 @@ public:
     // arguments), runs the tool with "-c <device>" and `toolArgs` in the folder,
     // stops the simulator. The trace and the flash are read afterwards. The console
     // gets `stdinText`; with keepConsoleOpen its end never comes, as at a terminal.
-    ProcessResult Run(const std::vector<std::string>& toolArgs,
-                      const std::vector<std::string>& simArgs = {},
+    ProcessResult Run(const std::vector<std::string>& toolArgs, const std::vector<std::string>& simArgs = {},
                       const std::string& stdinText = "", bool keepConsoleOpen = false);
 
     // When set, the tool is started through this command (for example
