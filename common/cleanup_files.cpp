@@ -1,5 +1,6 @@
 #include "common/cleanup_files.h"
 
+#include <array>
 #include <atomic>
 #include <cstring>
 #include <unistd.h>
@@ -7,9 +8,11 @@
 namespace {
 
 // A slot's name is written before the slot is marked used, and unmarked before it
-// may be reused, so a handler never reads a name half written.
-char s_names[kCleanupSlots][kCleanupNameSize];
-std::atomic<int> s_used[kCleanupSlots];
+// may be reused, so a handler never reads a name half written. Standard arrays, so
+// that a slot number out of range stops the program rather than clears a byte of
+// the names beside the table.
+std::array<std::array<char, kCleanupNameSize>, kCleanupSlots> s_names;
+std::array<std::atomic<int>, kCleanupSlots> s_used;
 
 }  // namespace
 
@@ -21,7 +24,7 @@ int RegisterCleanupFile(const char* name)
     for (int slot = 0; slot < kCleanupSlots; ++slot) {
         if (s_used[slot].load() != 0)
             continue;
-        std::memcpy(s_names[slot], name, length + 1);
+        std::memcpy(s_names[slot].data(), name, length + 1);
         s_used[slot].store(1);
         return slot;
     }
@@ -38,6 +41,6 @@ void RemoveCleanupFiles()
 {
     for (int slot = 0; slot < kCleanupSlots; ++slot) {
         if (s_used[slot].load() != 0)
-            unlink(s_names[slot]);
+            unlink(s_names[slot].data());
     }
 }

@@ -27,11 +27,8 @@ std::string Comparable(const std::string& out)
     return kept;
 }
 
-struct Outcome {
-    ProcessResult result;
-    Bytes flash;
-    size_t retryPauses;  // of one second, between a block's attempts
-};
+// retryPauses: of one second, between a block's attempts
+struct Outcome { ProcessResult result; Bytes flash; size_t retryPauses; };
 
 // The reference run is the classic link with every terminal write taken whole; the
 // other has the fast link with writes shaped like a USB-serial adapter's (at most
@@ -159,10 +156,8 @@ TEST(FastLink, ChangeCheckStopsAtTheFirstDifferenceAndErasedSectorsAreNotSent)
 TEST(FastLink, RatesAbove921600UpgradeWithReadBack)
 {
     const Bytes main = MakeImage(2, {90000}, 41, 0x8000, 0x1F8000);
-    const struct {
-        const char* rate;
-        bool throughSettings;
-    } cases[] = {{"1000000", false}, {"3000000", false}, {"1500000", true}};
+    const struct { const char* rate; bool throughSettings; } cases[] = {
+        {"1000000", false}, {"3000000", false}, {"1500000", true}};
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.rate) + (c.throughSettings ? " (bFastLink=1)" : " (--fast)"));
         UpgradeBench bench;

@@ -71,6 +71,7 @@ TEST(OutcomeJson, ADebugReadIsStartProgressAndAResultWithItsBytes)
     std::vector<nlohmann::json> events = ParseEvents(r.out);
     ASSERT_GE(events.size(), 3u) << r.out;
     EXPECT_EQ("start", events.front()["event"]);
+    EXPECT_EQ(nlohmann::json::array(), events.front()["images"]);  // only a debug write names a file
     EXPECT_EQ("result", events.back()["event"]);
     EXPECT_EQ(0x18000u, events.back()["bytes"].get<unsigned>());
 }

@@ -9,10 +9,8 @@
 
 namespace {
 
-struct Step {
-    unsigned char opcode;
-    uint32_t param;  // first 32-bit parameter, where the command has one
-};
+// param: first 32-bit parameter, where the command has one
+struct Step { unsigned char opcode; uint32_t param; };
 
 const Step kFlashId = {0x18, 0xFFFFFFFF};
 const Step kUpload = {0x09, 0x00010000};

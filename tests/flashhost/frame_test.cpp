@@ -18,11 +18,7 @@ TEST_F(HostOnSim, WorkedExamplesGoOutByteForByte)
     static unsigned char value[8] = {0x78, 0x56, 0x34, 0x12, 0xA1, 0xB2, 0xC3, 0xD4};
     memset(erased, 0xFF, sizeof erased);
     // The register writes are pinned from their length field on.
-    struct FrameCase {
-        const char* name;
-        std::function<int(CFlashHost&)> send;
-        const char* frame;
-    };
+    struct FrameCase { const char* name; std::function<int(CFlashHost&)> send; const char* frame; };
     typedef int (CFlashHost::*Write)(unsigned int, unsigned char*);
     auto write = [](Write f) { return [f](CFlashHost& h) { return (h.*f)(0x00020000, value); }; };
     const FrameCase cases[] = {

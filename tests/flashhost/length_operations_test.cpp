@@ -129,11 +129,9 @@ namespace {
 // way the answer and the flash are the same.
 TEST_F(HostOnSim, TheLinkProfileChoosesHowTheChangeCheckAndTheErasedWriteGo)
 {
-    struct Case {
-        bool fast;
-        size_t checkReads;   // read commands of a 16 KiB check that differs in its first piece
-        size_t writeCommands;  // write commands for 16 KiB whose middle 8 KiB are 0xFF
-    };
+    // checkReads: read commands of a 16 KiB check that differs in its first piece
+    // writeCommands: write commands for 16 KiB whose middle 8 KiB are 0xFF
+    struct Case { bool fast; size_t checkReads; size_t writeCommands; };
     Bytes data(16384, 0xFF);
     for (size_t i = 0; i < 4096; ++i) {
         data[i] = static_cast<unsigned char>(i * 3 + 1);

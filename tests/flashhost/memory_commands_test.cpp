@@ -90,10 +90,8 @@ TEST(CommandTimeouts, EveryCommandNamesItsWaitForAck)
 {
     static unsigned char buf[4 * 512];
     typedef int (CFlashHost::*Single)(unsigned int, unsigned char*);
-    struct TimeoutCase {
-        std::function<int(CFlashHost&)> send;
-        const char* what;  // "Cmd <what> waits for ack timeout or comm error!"
-    };
+    // what: "Cmd <what> waits for ack timeout or comm error!"
+    struct TimeoutCase { std::function<int(CFlashHost&)> send; const char* what; };
     auto single = [](Single f) { return [f](CFlashHost& h) { return (h.*f)(kSram, buf); }; };
     const TimeoutCase cases[] = {
         {single(&CFlashHost::Read_1_byte), "read 1 byte"}, {single(&CFlashHost::Read_2_byte), "read 2 byte"},

@@ -69,12 +69,8 @@ TEST(GetProfileString, LookupFollowsTheLineRules)
         EXPECT_EQ(std::make_pair(c.result, c.value), LookupString(c.text, c.section, c.key)) << c.name;
 }
 
-struct NumberCase {
-    std::string value;  // the text after "key="; "<none>" leaves the key out
-    int asInt;
-    unsigned asHex;
-    float asFloat;
-};
+// value: the text after "key="; "<none>" leaves the key out
+struct NumberCase { std::string value; int asInt; unsigned asHex; float asFloat; };
 
 TEST(GetProfileNumbers, ConversionRules)
 {

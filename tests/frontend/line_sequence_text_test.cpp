@@ -27,11 +27,8 @@ std::string Spelled(const LineSequence& seq)
     return out;
 }
 
-struct Row {
-    const char* text;
-    bool valid;
-    const char* steps;  // the steps read, in canonical spelling
-};
+// steps: the steps read, in canonical spelling
+struct Row { const char* text; bool valid; const char* steps; };
 
 TEST(LineSequenceText, GrammarAndPresets)
 {

@@ -80,10 +80,8 @@ TEST(GetDefaultSettings, FileValuesAndDefaults)
 
 TEST(ApplyOptions, FieldsInTheOrderGiven)
 {
-    struct Case {
-        std::vector<std::string> words;
-        const char* expected;  // Describe() after the options
-    };
+    // expected: Describe() after the options
+    struct Case { std::vector<std::string> words; const char* expected; };
     const std::string longName(5000, 'a');
     const Case cases[] = {
         {{"-A", "0x1000", "-L", "4096"}, "op1 A1000 L1000"},

@@ -26,11 +26,8 @@ protected:
 
 TEST_F(FwParserTest, DamageIsFoundAtItsSection)
 {
-    struct Case {
-        size_t offset;  // byte of the three-section image to change
-        uint8_t xorMask;
-        const char* error;
-    };
+    // offset: byte of the three-section image to change
+    struct Case { size_t offset; uint8_t xorMask; const char* error; };
     // Sections of 3, 0 and 16385 data bytes; the second header is at 67, the third at 131.
     const Case cases[] = {
         {0, 0x00, nullptr}, {0, 0x01, "Wrong Section Header MAGIC"},

@@ -459,12 +459,10 @@ TEST(SimFaults, TwoPhaseCommandsTakeTheFaultOnTheDataReply)
     data[700] = 0xA5;
     Bytes flipped = data;
     flipped[700] = 0xA4;  // one wrong bit programmed behind a normal reply
-    const struct {
-        const char* kind;
-        bool acked;  // the reply carries the ack flag (badsum's, with a wrong checksum)
-        Bytes stored;
-    } cases[] = {{"error2", false, Bytes(1024, 0xFF)}, {"noreply", false, Bytes(1024, 0xFF)},
-                 {"badsum", true, data}, {"bitflip", true, flipped}};
+    // acked: the reply carries the ack flag (badsum's, with a wrong checksum)
+    const struct { const char* kind; bool acked; Bytes stored; } cases[] = {
+        {"error2", false, Bytes(1024, 0xFF)}, {"noreply", false, Bytes(1024, 0xFF)},
+        {"badsum", true, data}, {"bitflip", true, flipped}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.kind);
         Chip chip(RomFlash(), {std::string("WriteSector:1:") + c.kind});

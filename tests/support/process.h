@@ -9,11 +9,10 @@
 
 typedef std::vector<unsigned char> Bytes;
 
-struct ProcessResult {
-    int exitStatus = -1;   // the exit code, or -1 when the process did not exit normally
-    std::string out;       // standard output
-    std::string err;       // standard error
-};
+// exitStatus: the exit code, or -1 when the process did not exit normally
+// out: standard output
+// err: standard error
+struct ProcessResult { int exitStatus = -1; std::string out; std::string err; };
 
 struct ProcessOptions {
     ProcessOptions() = default;

@@ -5,6 +5,8 @@
 #include <nlohmann/json.hpp>
 #include <algorithm>
 #include <cstdio>
+#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -105,10 +107,8 @@ TEST(GangTable, RowsAreCutToTheTerminalWidth)
     board.message = "verify mismatch";
     const std::string whole =
         "..._UART_A10K3X7M-if00-port0 main verify          100%      81.2  FAILED 7: verify mismatch";
-    const struct {
-        size_t width;
-        std::string row;
-    } cases[] = {{200, whole}, {80, whole.substr(0, 79)}, {40, whole.substr(0, 39)}, {1, "."}};
+    const struct { size_t width; std::string row; } cases[] = {
+        {200, whole}, {80, whole.substr(0, 79)}, {40, whole.substr(0, 39)}, {1, "."}};
     for (const auto& c : cases) {
         EXPECT_EQ(c.row, TableRow(board, c.width)) << c.width;
         EXPECT_GE(std::max<size_t>(c.width - 1, 1), TableHeading(c.width).size()) << c.width;
@@ -122,6 +122,22 @@ TEST(GangTable, RowsAreCutToTheTerminalWidth)
     EXPECT_EQ(0u, drawn.find("\033[J")) << drawn;
     EXPECT_EQ(drawn.find("\033[3A"), drawn.rfind("\033[3A")) << drawn;
     EXPECT_NE(std::string::npos, drawn.find("\033[3A\033[J")) << drawn;
+    // On a terminal the rows fit its width; one that gives no width gets 80 columns.
+    for (const unsigned short columns : {50, 0}) {
+        const int master = posix_openpt(O_RDWR | O_NOCTTY);
+        ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
+        const int terminal = open(ptsname(master), O_RDWR | O_NOCTTY), saved = dup(STDOUT_FILENO);
+        const winsize size = {0, columns, 0, 0};
+        ASSERT_EQ(0, ioctl(terminal, TIOCSWINSZ, &size));
+        dup2(terminal, STDOUT_FILENO);
+        Display(true).Show(two);
+        dup2(saved, STDOUT_FILENO);
+        char text[1024];
+        const std::string shown(text, std::max<ssize_t>(0, read(master, text, sizeof text)));
+        const size_t from = shown.find("\033[J") + 3;
+        EXPECT_EQ(TableHeading(columns ? columns : 80), shown.substr(from, shown.find_first_of("\r\n", from) - from));
+        close(master), close(terminal), close(saved);
+    }
     // Characters, not bytes, and never half a character.
     EXPECT_EQ("a\xC3\xA4" "b", FitColumns("a\xC3\xA4" "bc", 3));
 }
@@ -149,12 +165,10 @@ TEST(GangStart, AToolThatCannotStartIsReportedInItsBoardsRow)
         EXPECT_EQ("could not start the tool: fork: Resource temporarily unavailable", board.message);
     }
     // The real spawn says why it failed before it returns.
-    const struct {
-        std::vector<std::string> argv;
-        const char* folder;
-        const char* why;
-    } failures[] = {{{"/no/such/tool"}, "", "cannot run /no/such/tool: No such file or directory"},
-                    {{"/bin/true"}, "/no/such/folder", "cannot enter /no/such/folder: No such file or directory"}};
+    const struct { std::vector<std::string> argv; const char* folder; const char* why; } failures[] = {
+        {{"/no/such/tool"}, "", "cannot run /no/such/tool: No such file or directory"},
+        {{"/bin/true"}, "/no/such/folder", "cannot enter /no/such/folder: No such file or directory"},
+        {{}, "", "nothing to run"}};
     for (const auto& f : failures) {
         ChildSpec spec;
         spec.argv = f.argv;
@@ -179,15 +193,14 @@ TEST(GangCommand, InputsAreFoundFromTheGangsFolderAndEverySettingsLoadKeepsTheBo
         "-c", "/dev/p", "-l", "/f/log.txt", "-G", "o.cimg", "-s", "-i", "x"};
     EXPECT_EQ(expected, command.For("/dev/p", "/f/log.txt"));
     EXPECT_EQ(b + "/pty", command.For("pty", "/f/log.txt")[8]);
+    // A value missing at the end goes to the tool as it is, for the tool to refuse.
+    EXPECT_EQ("-i", ToolCommand("bin/tool", {"-r1", "-i"}, b).For("/dev/p", "/f/log.txt").back());
 }
 
 TEST(GangPlan, EachBoardHasAFolderUnderTheLogDirElseUnderTheReportsFolder)
 {
-    const struct {
-        const char* logDir;
-        const char* report;
-        const char* root;
-    } roots[] = {{"", "", "/here"}, {"", "out/r.json", "/here/out"}, {"", "/r.json", "/"}, {"logs", "out/r.json", "/here/logs"}};
+    const struct { const char* logDir; const char* report; const char* root; } roots[] = {
+        {"", "", "/here"}, {"", "out/r.json", "/here/out"}, {"", "/r.json", "/"}, {"logs", "out/r.json", "/here/logs"}};
     for (const auto& r : roots) {
         GangOptions options;
         options.logDir = r.logDir;

@@ -141,14 +141,10 @@ TEST_F(Gang, EveryBoardHasItsRowAndTheStatusIsZeroOnlyWhenAllSucceeded)
     EXPECT_TRUE(Has(mixed.out, "/x/silent1: FAILED (exit 3)")) << mixed.out;
     nlohmann::json report = Report();
     ASSERT_FALSE(report.is_discarded());
-    const struct {
-        const char* port;
-        bool ok;
-        int exitCode;
-        const char* message;
-    } rows[] = {{"/x/ok1", true, 0, "Upgrade OK!"},
-                        {"/x/crash1", false, 128 + SIGSEGV, "crashed (signal 11)"},
-                        {"/x/silent1", false, 3, "ended without a result line: lost the line"}};
+    const struct { const char* port; bool ok; int exitCode; const char* message; } rows[] = {
+        {"/x/ok1", true, 0, "Upgrade OK!"},
+        {"/x/crash1", false, 128 + SIGSEGV, "crashed (signal 11)"},
+        {"/x/silent1", false, 3, "ended without a result line: lost the line"}};
     ASSERT_EQ(3u, report["boards"].size());
     for (size_t i = 0; i < 3; ++i) {
         const nlohmann::json& board = report["boards"][i];
@@ -192,6 +188,7 @@ TEST_F(Gang, BadRequestsAreRefusedBeforeAnyBoardIsTouched)
     reportPath = dir.File("report.json");
     for (const char* jobs : {"", "-1", "2x"})  // --jobs takes a whole count, nothing else
         EXPECT_EQ(2, RunProcess(GangPath(), Args({"--jobs", jobs, "/x/ok1"})).exitStatus) << jobs;
+    EXPECT_EQ(2, RunProcess(GangPath(), {"/x/ok1", "--report"}).exitStatus);  // its value missing
     WriteText(dir.File("plain"), "");  // a board folder cannot be made under a file
     EXPECT_EQ(2, RunProcess(GangPath(), Args({"--log-dir", dir.File("plain/logs"), "/x/ok1"})).exitStatus);
     for (const char* name : {"ok1", "ok2", "ok3", "ok4"})

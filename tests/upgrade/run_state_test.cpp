@@ -34,11 +34,8 @@ TEST(LoadBlockFromFile, PadsWithTheErasedValueAndRefusesShortFiles)
 
     // A full block, then a tail that ends inside a sector, then reads the file
     // cannot satisfy: one that runs past its end, one at its end.
-    const struct {
-        uint32_t count;
-        size_t fileOffset;
-        uint32_t supplied;
-    } steps[] = {{65536, 0, 65536}, {1000, 65536, 1000}, {65536, 66536, 3464}, {300, 70000, 0}};
+    const struct { uint32_t count; size_t fileOffset; uint32_t supplied; } steps[] = {
+        {65536, 0, 65536}, {1000, 65536, 1000}, {65536, 66536, 3464}, {300, 70000, 0}};
     for (const auto& s : steps) {
         std::fill(run.data.get(), run.data.get() + kUpgradeBlockSize, 0x00);
         // Measuring the file between reads must not move the reader: a combined image
@@ -63,13 +60,16 @@ TEST(LoadBlockFromFile, PadsWithTheErasedValueAndRefusesShortFiles)
 }
 
 // The files a second Ctrl-C removes are kept in a table of four places: a fifth, or
-// a name too long for a place, is refused rather than written past it, and a freed
-// place is taken again.
+// a name too long for a place, is refused rather than written past it, a place
+// number out of range is ignored, and a freed place is taken again.
 TEST(CleanupFiles, AFullTableRefusesAndAFreedPlaceIsTakenAgain)
 {
     int slots[kCleanupSlots];
     for (int& slot : slots)
         EXPECT_GE(slot = RegisterCleanupFile("a"), 0);
+    EXPECT_EQ(-1, RegisterCleanupFile("b"));
+    ForgetCleanupFile(-1);  // what a refused registration gave: nothing to forget
+    ForgetCleanupFile(kCleanupSlots);
     EXPECT_EQ(-1, RegisterCleanupFile("b"));
     ForgetCleanupFile(slots[2]);
     EXPECT_EQ(-1, RegisterCleanupFile(std::string(kCleanupNameSize, 'x').c_str()));
