@@ -119,6 +119,7 @@ TEST(ResetSequenceWithoutModemLines, WarnsOnceAndRunsAsWithout)
     EXPECT_EQ(a.exitStatus, b.exitStatus);
     EXPECT_EQ(WithoutDevicePaths(a.out), WithoutDevicePaths(b.out));
     EXPECT_EQ(1u, CountOccurrences(b.err, "has no modem lines")) << b.err;
+    EXPECT_TRUE(Has(b.err, "the reset sequence was not run")) << b.err;  // said at the first refusal
     EXPECT_TRUE(withReset.Programmed());
 }
 

@@ -155,8 +155,8 @@ TEST_F(DriverCli, InformationReportShowsBothImagesAndIgnoresLaterOptions)
     parser.SetFilePath(dir.File("main.img"));
     ASSERT_EQ(0, parser.Parse());
 
-    // Options after -s are not applied; a missing image shows only in the report.
-    ProcessResult r = Run({"-i", "main.img", "-s", "-I", "main.img"});
+    // Options after -s are not applied (--json neither); a missing image shows only in the report.
+    ProcessResult r = Run({"-i", "main.img", "-s", "-I", "main.img", "--json"});
     EXPECT_EQ(std::string(kAsterisks) + "                firmware information             \n" +
                   kAsterisks + parser.GetFwInfo() + kAsterisks +
                   "             ETF firmware information            \n" + kAsterisks +
@@ -194,6 +194,7 @@ TEST(DriverWarnings, SilentSurprisesAreExplainedOnStderr)
         {"", {"-D", "r", "-A", "0x10080"},
          {"warning: address 0x00010080 is not at a 512-byte sector start; the flash commands start at 0x00010000\n"}},
         {"", {"-D", "w", "-B", "big.bin"}, {"warning: big.bin holds 10000 bytes; only the first 0x200 (-L) are written\n"}},
+        {"", {"-D", "w", "-B", ".", "-L", "1"}, {}},  // a folder is no file that holds bytes
         {"", {"-D", "r", "-b", "12345"}, {"warning: the serial port does not take 12345 bit/s"}},
     };
     for (const auto& c : cases) {

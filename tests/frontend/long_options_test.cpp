@@ -43,7 +43,7 @@ TEST(ExitCodes, OnlyWithTheOptionDoesTheStatusTellTheOutcome)
 {
     TempDir dir;
     const struct { const char* name; std::vector<std::string> args; int classic, withCode; } cases[] = {
-        {"unknown option", {"-x"}, 0, 2}, {"version", {"--version"}, 0, 0},
+        {"unknown option", {"-x"}, 0, 2}, {"version", {"--version"}, 0, 0}, {"usage", {"-h"}, 0, 0},
         {"report on missing images", {"-i", "none.img", "-I", "none2.img", "-s"}, 0, 3},
         {"debug road, device missing", {"-D", "r", "-c", "/nonexistent/tty"}, 255, 4},
         {"combine, image missing", {"-D", "n", "-g", "1", "-i", "none.img"}, 255, 3},

@@ -85,6 +85,7 @@ TEST_F(FwParserTest, SectionsAreTakenInChainOrderUpToOneHundred)
         return bytes;
     };
     EXPECT_EQ(0, ParseBytes(chain(100, kLastSection)));
+    EXPECT_EQ(65u * 99 + 64 + 1, ImageSectionsLength(parser));
     EXPECT_EQ(-1, ParseBytes(chain(101, kLastSection)));
     EXPECT_EQ("Too many sections", parser.strErrMsg);
     EXPECT_EQ(-1, ParseBytes(chain(3, 65)));  // the third section points back at the second

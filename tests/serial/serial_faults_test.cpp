@@ -49,10 +49,10 @@ TEST(SerialWritePath, PartialWritesAndTransientErrorsAreFinishedHardErrorsAreNot
         {"interrupted by a signal", static_cast<size_t>(-1), {EINTR}, false, -2, false, 0, 0},
         {"unplugged before the first byte", static_cast<size_t>(-1), {EIO}, false, -1, true, 0, 0},
         {"unplugged after the first piece", 4096, {0, EIO}, false, -1, true, 0, 0},
-        // the deadline: twice the 5,868 bytes' 63,671 us at 921600 bit/s, and a second
-        {"FIFO never drains", 100, {}, true, 0, false, 1127342, 0},
+        // the deadline: twice the 9,216 bytes' 100,000 us at 921600 bit/s, and a second
+        {"FIFO never drains", 100, {}, true, 0, false, 1200000, 0},
         // room said, write refused, ever again: 1 ms pauses until that deadline
-        {"room said but refused", 100, {0}, false, 0, false, 1128000, 1128},
+        {"room said but refused", 100, {0}, false, 0, false, 1200000, 1200},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -66,9 +66,9 @@ TEST(SerialWritePath, PartialWritesAndTransientErrorsAreFinishedHardErrorsAreNot
         }
         CCommU port;
         ASSERT_EQ(0, OpenOn(port, memory));
-        std::vector<unsigned char> data = PatternBytes(5868, 2);
+        std::vector<unsigned char> data = PatternBytes(9216, 2);
         const int result = port.WriteMsg(data.data(), data.size());
-        EXPECT_EQ(c.expected == -2 ? 5868 : c.expected, result);
+        EXPECT_EQ(c.expected == -2 ? 9216 : c.expected, result);
         if (c.expected == -2) {
             EXPECT_TRUE(memory.written == data);
         }

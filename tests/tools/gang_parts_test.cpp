@@ -51,6 +51,15 @@ TEST(GangEvents, ThePercentIsCappedAndTheRateIsLiveForEachRegion)
         EXPECT_DOUBLE_EQ(step.percent, board.percent) << step.line;
         EXPECT_NEAR(step.kbPerS, board.kbPerS, 1e-9) << step.line;
     }
+    // A line is kept up to 64 KiB while it arrives; a longer one is dropped.
+    for (const size_t size : {size_t(64 * 1024), size_t(64 * 1024 + 1)}) {
+        std::string line = R"({"event":"region","region":"main","bytes":1,"seconds":1,"kbytes_per_s":7})";
+        line.resize(size, ' ');
+        Board fed;
+        TakeOutput(fed, line.data(), line.size(), At(0));
+        TakeOutput(fed, "\n", 1, At(0));
+        EXPECT_EQ(size == 64 * 1024 ? 7.0 : 0.0, fed.kbPerS) << size;
+    }
 }
 
 TEST(GangVerdict, ABoardSucceedsOnlyWhenItsResultLineAndExitStatusAgreeOnSuccess)
@@ -69,6 +78,7 @@ TEST(GangVerdict, ABoardSucceedsOnlyWhenItsResultLineAndExitStatusAgreeOnSuccess
     const Case cases[] = {
         {true, 0, 0, StopStep::kNone, true, 0, "said"}, {false, 6, exited6, StopStep::kNone, false, 6, "said"},
         {false, 8, exited8, StopStep::kTyped, false, 8, "said"},
+        {false, 255, 255 << 8, StopStep::kNone, false, 255, "said"},  // the tool's classic failure status
         {true, 0, exited5, StopStep::kNone, false, 5, "said (exit status 5 contradicts the result line)"},
         {false, 6, 0, StopStep::kNone, false, 6, "said (exit status 0 contradicts the result line)"},
         {false, 0, 0, StopStep::kNone, false, 1, "said (exit status 0 contradicts the result line)"},
@@ -92,6 +102,7 @@ TEST(GangVerdict, ABoardSucceedsOnlyWhenItsResultLineAndExitStatusAgreeOnSuccess
         EXPECT_EQ(c.judgedOk, board.ok) << what;
         EXPECT_EQ(c.judgedCode, board.exitCode) << what;
         EXPECT_EQ(c.message, board.message) << what;
+        EXPECT_EQ(1.0, board.seconds) << what;  // no line said how long: the time since it began
     }
 }
 
@@ -113,6 +124,7 @@ TEST(GangTable, RowsAreCutToTheTerminalWidth)
         EXPECT_EQ(c.row, TableRow(board, c.width)) << c.width;
         EXPECT_GE(std::max<size_t>(c.width - 1, 1), TableHeading(c.width).size()) << c.width;
     }
+    EXPECT_TRUE(Has(TableRow(Board(), 200), "waiting" + std::string(16, ' ') + "0%")) << TableRow(Board(), 200);
     board.port = "/dev/serial/by-id/usb-K-port";  // 28 characters: the port column holds them whole
     EXPECT_EQ(board.port + " main verify", TableRow(board, 200).substr(0, 40));
     // The live table redraws in place: up over the heading and both rows, once per redraw.
@@ -195,6 +207,10 @@ TEST(GangCommand, InputsAreFoundFromTheGangsFolderAndEverySettingsLoadKeepsTheBo
     EXPECT_EQ(b + "/pty", command.For("pty", "/f/log.txt")[8]);
     // A value missing at the end goes to the tool as it is, for the tool to refuse.
     EXPECT_EQ("-i", ToolCommand("bin/tool", {"-r1", "-i"}, b).For("/dev/p", "/f/log.txt").back());
+    // A flag joined to an option with a value is passed on apart from it.
+    const std::vector<std::string> joined = ToolCommand("bin/tool", {"-vix"}, b).For("/dev/p", "/f/log.txt");
+    EXPECT_EQ((std::vector<std::string>{"-v", "-i", b + "/x"}), std::vector<std::string>(joined.end() - 3, joined.end()));
+    EXPECT_EQ("x", ToolCommand("bin/tool", {"--", "-i", "x"}, b).For("/dev/p", "/f/log.txt").back());  // after "--": as is
 }
 
 TEST(GangPlan, EachBoardHasAFolderUnderTheLogDirElseUnderTheReportsFolder)
@@ -216,9 +232,12 @@ TEST(GangPlan, EachBoardHasAFolderUnderTheLogDirElseUnderTheReportsFolder)
     EXPECT_EQ(dir.File("boards/x_a_b"), boards[0].folder);
     EXPECT_EQ(dir.File("boards/x_a_b-2"), boards[1].folder);
     EXPECT_EQ(dir.File("boards/port-2"), boards[3].folder);  // "/" and ".." name no folder: "port"
+    const mode_t mask = umask(022);
+    umask(mask);
     for (const Board& board : boards) {
         struct stat info;
         EXPECT_TRUE(stat(board.folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) << board.folder;
+        EXPECT_EQ(0755u & ~mask, info.st_mode & 07777u) << board.folder;
         const std::vector<std::string>& words = board.command;
         EXPECT_NE(words.end(), std::find(words.begin(), words.end(), board.folder + "/log.txt"));
     }

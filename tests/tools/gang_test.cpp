@@ -31,7 +31,8 @@ echo 'not json at all'
 echo '{"event":"progress","region":7,"done":"x","total":null}'
 ok='{"event":"result","ok":true,"exit_code":0,"message":"Upgrade OK!","seconds":0.5,"bytes":100}'
 case $name in
-  ok*) echo '{"event":"progress","region":"main","phase":"write","done":50,"total":100}'
+  # ok: more progress than a pipe holds, so a gang that stops reading would stall it
+  ok*) for i in $(seq 2000); do echo '{"event":"progress","region":"main","phase":"write","done":50,"total":100}'; done
        echo '{"event":"region","region":"main","bytes":100,"seconds":0.5,"kbytes_per_s":0.2}'
        echo "$ok"; exit 0 ;;
   read*) printf %s "$port" > flash_A_0x0_L_0x200.bin; echo "$ok"; exit 0 ;;
@@ -139,6 +140,7 @@ TEST_F(Gang, EveryBoardHasItsRowAndTheStatusIsZeroOnlyWhenAllSucceeded)
     ProcessResult mixed = RunProcess(GangPath(), Args({"/x/ok1", "/x/crash1", "/x/silent1"}));
     EXPECT_EQ(1, mixed.exitStatus);
     EXPECT_TRUE(Has(mixed.out, "/x/silent1: FAILED (exit 3)")) << mixed.out;
+    EXPECT_TRUE(Has(mixed.out, "/x/ok1: started\n")) << mixed.out;
     nlohmann::json report = Report();
     ASSERT_FALSE(report.is_discarded());
     const struct { const char* port; bool ok; int exitCode; const char* message; } rows[] = {
@@ -165,6 +167,7 @@ TEST_F(Gang, EveryBoardHasItsRowAndTheStatusIsZeroOnlyWhenAllSucceeded)
     reportPath = dir.File("report.json");
     EXPECT_EQ(0, RunProcess(GangPath(), Args({"/x/utf1"})).exitStatus);
     EXPECT_TRUE(Has(ReadText(reportPath), "\"prêt à l’emploi\"")) << ReadText(reportPath);
+    EXPECT_EQ(0u, ReadText(reportPath).find("{\n  \"boards\": [\n    {\n")) << ReadText(reportPath);  // for people too
     // Started with its standard input closed, the gang reads its first board through descriptor 0.
     ProcessResult closedIn = RunProcess("/bin/sh", {"-c", "exec 0<&-; exec \"$0\" \"$@\"", GangPath(), "--tool",
                                                     tool, "--log-dir", dir.File("logs"), "/x/ok1"});
@@ -188,7 +191,9 @@ TEST_F(Gang, BadRequestsAreRefusedBeforeAnyBoardIsTouched)
     reportPath = dir.File("report.json");
     for (const char* jobs : {"", "-1", "2x"})  // --jobs takes a whole count, nothing else
         EXPECT_EQ(2, RunProcess(GangPath(), Args({"--jobs", jobs, "/x/ok1"})).exitStatus) << jobs;
-    EXPECT_EQ(2, RunProcess(GangPath(), {"/x/ok1", "--report"}).exitStatus);  // its value missing
+    ProcessResult missing = RunProcess(GangPath(), {"/x/ok1", "--report"});  // its value missing
+    EXPECT_EQ(2, missing.exitStatus);
+    EXPECT_TRUE(Has(missing.err, "usage: kestrel_gang")) << missing.err;
     WriteText(dir.File("plain"), "");  // a board folder cannot be made under a file
     EXPECT_EQ(2, RunProcess(GangPath(), Args({"--log-dir", dir.File("plain/logs"), "/x/ok1"})).exitStatus);
     for (const char* name : {"ok1", "ok2", "ok3", "ok4"})
@@ -198,6 +203,7 @@ TEST_F(Gang, BadRequestsAreRefusedBeforeAnyBoardIsTouched)
     EXPECT_EQ(0, help.exitStatus);
     EXPECT_TRUE(Has(help.out, "usage: kestrel_gang")) << help.out;
     EXPECT_EQ("", help.err);
+    EXPECT_EQ(0, RunProcess(GangPath(), {"--version"}).exitStatus);
 }
 
 TEST_F(Gang, ACtrlCAtTheTerminalOrASigtermStopsEveryBoardInsteadOfKillingIt)

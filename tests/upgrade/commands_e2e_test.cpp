@@ -213,9 +213,10 @@ TEST(CommandsEndToEnd, WriteLeavesFlashEqualToTheModel)
     bench.WriteFile("a.bin", a);
     bench.WriteFile("b.bin", b);
     WriteText(bench.Path("c.hex"), ":020000040030CA\n:0400100001020304E2\n:02000004003FBB\n:02FFF000AABBAA\n:00000001FF\n");
-    ProcessResult r = bench.Run({"--write", "0x10100:a.bin", "--write", "256K:b.bin", "--write", "c.hex"});
-    EXPECT_EQ(0, r.exitStatus) << r.out;
-    EXPECT_TRUE(Has(r.out, "Write a.bin at 0x00010100-0x000300FF OK!\n")) << r.out;
+    ProcessResult r = bench.Run({"--json", "--write", "0x10100:a.bin", "--write", "256K:b.bin", "--write", "c.hex"});
+    EXPECT_EQ(0, r.exitStatus) << r.err;
+    EXPECT_TRUE(Has(r.err, "Write a.bin at 0x00010100-0x000300FF OK!\n")) << r.err;
+    EXPECT_TRUE(Has(r.out, R"({"bytes":393216,"event":"region")")) << r.out;  // six blocks
     Bytes expected = bench.InitialFlash();
     std::copy(a.begin(), a.end(), expected.begin() + 0x10100);
     std::copy(b.begin(), b.end(), expected.begin() + 0x40000);

@@ -52,6 +52,12 @@ TEST(FlashDebugEndToEnd, EachOperationTouchesExactlyItsRange)
         if (c.options[1] == "r") {
             EXPECT_EQ(Bytes(expected.begin() + 0x30200, expected.begin() + 0x40300),
                       ReadFileBytes(bench.Path("flash_A_0x30200_L_0x10100.bin")));
+            // The permissions any new file of this user gets, not the temporary file's private 0600.
+            struct stat info;
+            const mode_t mask = umask(022);
+            umask(mask);
+            ASSERT_EQ(0, stat(bench.Path("flash_A_0x30200_L_0x10100.bin").c_str(), &info));
+            EXPECT_EQ(0666u & ~mask, info.st_mode & 0777u);
         }
     }
 }
