@@ -87,17 +87,23 @@ TEST(EtfImageRun, LandsBehindTheOtaAreaWithoutItsFirstSection)
     ASSERT_EQ(etfData.size() - 33792, 65536u + 10800u);
     EXPECT_EQ(FirstDifference(bench.Flash(), Expected(bench.InitialFlash(), image, otaAddress, otaSize, etfData)), -1);
 
-    // A refused erase of the ETF's full block is retried; unlike the main image's, its
+    // A refused erase of the ETF's full block, or of its first block (the last erase of
+    // the block it shares with the OTA area), is retried; unlike the main image's, the
     // error line is not followed by the host's message.
-    size_t erases = 0, etfBlockErase = 0;
+    size_t erases = 0, etfBlockErase = 0, sharedBlockErase = 0;
     for (const SimCommand& c : TraceCommands(bench.Trace()))
-        if (c.Opcode() == 0x19 && ++erases && c.Param32(1) == 0x00110000)
-            etfBlockErase = erases;
-    ASSERT_GT(etfBlockErase, 0u);
-    ProcessResult retried = bench.Run({"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "0"},
-                                      {"--fault", "EraseFlash:" + std::to_string(etfBlockErase) + ":error2"});
-    ExpectLines(retried.out, {"Erase the 1 block error ! Total 1 block(s)!\n", "100%: Upgrade OK!\n"});
-    EXPECT_FALSE(Has(retried.out, "msg:")) << retried.out;
+        if (c.Opcode() == 0x19 && ++erases) {
+            etfBlockErase = c.Param32(1) == 0x00110000 ? erases : etfBlockErase;
+            sharedBlockErase = c.Param32(1) == 0x00100000 ? erases : sharedBlockErase;
+        }
+    ASSERT_TRUE(etfBlockErase > 0 && sharedBlockErase > 0);
+    for (const size_t erase : {etfBlockErase, sharedBlockErase}) {
+        ProcessResult retried = bench.Run({"-i", "main.img", "-e", "1", "-I", "etf.img", "-u", "0"},
+                                          {"--fault", "EraseFlash:" + std::to_string(erase) + ":error2"});
+        ExpectLines(retried.out, {erase == etfBlockErase ? "Erase the 1 block error ! Total 1 block(s)!\n" : "error",
+                                  "100%: Upgrade OK!\n"});
+        EXPECT_FALSE(Has(retried.out, "msg:")) << retried.out;
+    }
 }
 
 // Index (from 1) of the first WriteSector frame the target received after its
