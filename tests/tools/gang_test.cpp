@@ -89,7 +89,7 @@ protected:
         if (pid == 0) {
             setpgid(0, 0);
             ArgList argList(args);
-            dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
+            dup2(open(dir.File("gang.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), STDOUT_FILENO);
             execv(GangPath().c_str(), argList.argv());
             _exit(127);
         }
@@ -226,6 +226,8 @@ TEST_F(Gang, ACtrlCAtTheTerminalOrASigtermStopsEveryBoardInsteadOfKillingIt)
             EXPECT_EQ(messages[i], report["boards"][i]["message"]) << signal << " " << i;
         }
         EXPECT_FALSE(Marked("started-ok3"));
+        const std::string shown = ReadText(dir.File("gang.out"));  // the board never started has its line too
+        EXPECT_TRUE(Has(shown, "/x/ok3: FAILED (exit 8) not started: stopped by the user")) << shown;
     }
 }
 
