@@ -96,6 +96,7 @@ TEST(FastSummary, OneLineWithBytesSecondsRateAndShareOfTheLine)
               RegionSummary("main", 1048576, 13.9, 921600));
     EXPECT_EQ("etf: 0 bytes in 0.0 s, 0.0 KB/s, 0% of line", RegionSummary("etf", 0, 0.0, 921600));
     EXPECT_EQ("ota: 1000 bytes in 1.0 s, 1.0 KB/s, 0% of line", RegionSummary("ota", 1000, 1.0, 0));  // no rate known
+    EXPECT_EQ("ota: 1000 bytes in 0.5 s, 2.0 KB/s, 2% of line", RegionSummary("ota", 1000, 0.5, 921600));
 }
 
 }  // namespace
