@@ -37,14 +37,14 @@ TEST(IntelHex, PlacesDataByExtendedAddressesAndRefusesWhatItCannotUse)
     std::string why;
     // Linear base 0x30000, two adjacent records merged, then a segment base
     // (0x1000 << 4) and a start address record, which is skipped.
-    const std::string good = ":020000040003F7\n:0200000011AA43\n:02000200BBCC75\r\n\n"
+    const std::string good = ":020000040003F7\n:0200000011AA43\n:0200020099CC97\r\n\n"
                              ":020000021000EC\n:01000000EE11\n:0400000500000000F7\n:00000001FF\n";
     ASSERT_EQ(0, ParseIntelHex(good, "g.hex", segments, why)) << why;
     ASSERT_EQ(2u, segments.size());
     EXPECT_EQ(0x10000u, segments[0].address);
     EXPECT_EQ(std::vector<unsigned char>{0xEE}, segments[0].bytes);
     EXPECT_EQ(0x30000u, segments[1].address);
-    EXPECT_EQ((std::vector<unsigned char>{0x11, 0xAA, 0xBB, 0xCC}), segments[1].bytes);
+    EXPECT_EQ((std::vector<unsigned char>{0x11, 0xAA, 0x99, 0xCC}), segments[1].bytes);
 
     const struct { std::string text; std::string why; } bad[] = {
         {":0200000011AA44\n:00000001FF\n", "b.hex line 1: checksum error"},
