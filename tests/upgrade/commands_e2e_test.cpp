@@ -198,6 +198,9 @@ TEST(CommandsEndToEnd, EraseAllErasesTheCapacityInUse)
         const bool failed = c.status != 0 && c.erasedBytes != 0;  // the erase that failed was sent too
         EXPECT_EQ(c.erasedBytes / kBlock + failed, CountFramesReceived(bench.Trace(), kOpEraseFlash));
         EXPECT_EQ(failed, Has(r.out, "Erase failed at 0x00020000: ")) << r.out;
+        char done[80];  // the range erased, on success only
+        std::snprintf(done, sizeof done, "Erase all: 0x00000000-0x%08X (%u bytes) OK!\n", c.erasedBytes - 1, c.erasedBytes);
+        EXPECT_EQ(c.status == 0, Has(r.out, done)) << r.out;
         EXPECT_EQ(1u, CountFramesReceived(bench.Trace(), 0x10, "921600")) << "the target sent back to 115200";
     }
 }
@@ -238,6 +241,7 @@ TEST(CommandsEndToEnd, BadValuesAreRefusedBeforeTheConnection)
         {{"--write", "0:a.bin", "--write", "0x100:a.bin"}, "Refused: a.bin 0x00000000-0x000001FF overlaps a.bin", 2},
         {{"--write", "4M:a.bin", "--flash-size", "4M"}, "ends past the flash's 4194304 bytes", 2},
         {{"--erase-all", "--flash-size", "12Q"}, "Bad --flash-size value: 12Q", 2},
+        {{"--erase-all", "--flash-size", "0"}, "Bad --flash-size value: 0", 2},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
