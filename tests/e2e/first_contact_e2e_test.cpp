@@ -248,6 +248,7 @@ TEST(PortDiscovery, FindsTheOnePortWhoseBoardAnswers)
         }
         ProcessResult r = line.Run({"-c", "auto"}, {"--link", line.bench.Path("board0")});
         EXPECT_TRUE(Has(r.err, c.expectedErr)) << r.err;
+        EXPECT_EQ(c.ports == 2, Has(r.err, "-c auto: trying /dev/ttyUSB1")) << r.err;  // one port is not probed
         EXPECT_EQ(c.found, Has(r.out, "COM:/dev/ttyUSB0\n")) << r.out;
         EXPECT_EQ(c.found, Has(r.out, "Upgrade OK!")) << r.out << r.err;
         EXPECT_EQ(c.found, line.Programmed());

@@ -15,6 +15,7 @@ TEST(CheckFlashRegions, RefusesRegionsPastTheFlashOrOverlappingAndNamesThem)
         // Touching regions and a region ending exactly at the flash's end fit.
         {{{"main image", 0, 0x1F8000}, {"OTA area", 0x1F8000, 0x8000}, {"ETF image", 0x200000, 0x200000}},
          k4M, nullptr},
+        {{{"OTA area", 0x1F8000, 0x8000}, {"main image", 0, 0x1F8000}}, k4M, nullptr},  // the later one first
         {{{"main image", 0, 0x100001}, {"OTA area", 0x100000, 0x8000}}, k4M,
          "Refused: main image 0x00000000-0x00100000 overlaps OTA area 0x00100000-0x00107FFF"},
         // Overlap found whatever the order, the later region containing the earlier.
