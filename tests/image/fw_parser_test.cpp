@@ -91,6 +91,7 @@ TEST_F(FwParserTest, SectionsAreTakenInChainOrderUpToOneHundred)
     EXPECT_EQ(-1, ParseBytes(chain(3, 65)));  // the third section points back at the second
     EXPECT_EQ("Too many sections", parser.strErrMsg);
     EXPECT_EQ(100, parser.iSectionCount);  // a failure keeps the last good count
+    EXPECT_EQ(0u, ImageSectionsLength(parser));  // but the image is not valid: no length
 }
 
 TEST_F(FwParserTest, ShortReadsAtTheEndOfTheFile)
