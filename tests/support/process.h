@@ -3,6 +3,7 @@
 #pragma once
 #include <cstdint>
 #include <string>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <utility>
 #include <vector>
@@ -74,6 +75,13 @@ void WriteText(const std::string& path, const std::string& text);
 // The lines of a text, without their line feeds.
 std::vector<std::string> TextLines(const std::string& text);
 inline bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+// The process's file-creation mask (it can only be read by setting it).
+inline mode_t CurrentUmask()
+{
+    const mode_t mask = umask(022);
+    umask(mask);
+    return mask;
+}
 
 // argv for getopt: a program name followed by the words, kept alive by the object.
 class ArgList {

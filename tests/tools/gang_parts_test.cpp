@@ -232,8 +232,7 @@ TEST(GangPlan, EachBoardHasAFolderUnderTheLogDirElseUnderTheReportsFolder)
     EXPECT_EQ(dir.File("boards/x_a_b"), boards[0].folder);
     EXPECT_EQ(dir.File("boards/x_a_b-2"), boards[1].folder);
     EXPECT_EQ(dir.File("boards/port-2"), boards[3].folder);  // "/" and ".." name no folder: "port"
-    const mode_t mask = umask(022);
-    umask(mask);
+    const mode_t mask = CurrentUmask();
     for (const Board& board : boards) {
         struct stat info;
         EXPECT_TRUE(stat(board.folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) << board.folder;

@@ -131,8 +131,7 @@ TEST_F(Gang, EveryBoardHasItsRowAndTheStatusIsZeroOnlyWhenAllSucceeded)
     // A board's error stream is kept as an ordinary file, rw-r--r-- before the umask.
     struct stat info = {};
     ASSERT_EQ(0, stat(dir.File("logs/x_ok1/stderr.txt").c_str(), &info));
-    const mode_t mask = umask(0);
-    umask(mask);
+    const mode_t mask = CurrentUmask();
     EXPECT_EQ(0644 & ~mask, info.st_mode & 07777);
 
     // How a result line and an exit status are judged is pinned in process; here the

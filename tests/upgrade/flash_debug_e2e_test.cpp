@@ -54,8 +54,7 @@ TEST(FlashDebugEndToEnd, EachOperationTouchesExactlyItsRange)
                       ReadFileBytes(bench.Path("flash_A_0x30200_L_0x10100.bin")));
             // The permissions any new file of this user gets, not the temporary file's private 0600.
             struct stat info;
-            const mode_t mask = umask(022);
-            umask(mask);
+            const mode_t mask = CurrentUmask();
             ASSERT_EQ(0, stat(bench.Path("flash_A_0x30200_L_0x10100.bin").c_str(), &info));
             EXPECT_EQ(0666u & ~mask, info.st_mode & 0777u);
         }
