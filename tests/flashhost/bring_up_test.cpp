@@ -251,25 +251,32 @@ TEST_F(HostOnSim, CloseReturnsTheTargetTo115200AndKeepsTheText)
 
 // A rate is kept only when the proof read at it gives the reference sector back byte
 // for byte, its last byte too: a reply whose checksum is right but whose data is not
-// sends the negotiation one rate down.
+// sends the negotiation one rate down, and when no rate is left the run goes on at
+// the boot rate.
 TEST(BringUp, NegotiationKeepsOnlyARateWhoseProofMatchesEveryByte)
 {
-    HostAndLink side(Target(2, true));
-    const Bytes pattern = PatternBytes(4096, 9);
-    side.link.Preload(0, pattern);
-    Bytes forged(pattern.begin(), pattern.begin() + 2048);
-    forged[511] ^= 0x01;
-    side.link.SetFaults({RawReplyFault("ReadSector", MakeAck(forged), 2)});  // the first read at 3000000
-    LinkProfile fast;
-    fast.fast = fast.autoBaud = true;
-    fast.ratePolicy = LinkProfile::kRefuseUnsupported;
-    side.host.SetLinkProfile(fast);
-    side.host.SetBaud(3000000);
-    testing::internal::CaptureStderr();
-    ASSERT_EQ(0, side.host.OpenUart()) << side.host.m_strMsg;
-    const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_NE(std::string::npos, said.find("link: 2000000 bit/s, verified\n")) << said;
-    EXPECT_EQ(2000000u, side.link.TargetSpeed());
+    const struct { unsigned int ceiling; const char* said; unsigned int speed; } cases[] = {
+        {3000000, "link: 2000000 bit/s, verified\n", 2000000},
+        {921600, "link: no rate from 921600 bit/s down to 921600 bit/s carried the data; staying at 115200 bit/s", 115200},
+    };
+    for (const auto& c : cases) {
+        HostAndLink side(Target(2, true));
+        const Bytes pattern = PatternBytes(4096, 9);
+        side.link.Preload(0, pattern);
+        Bytes forged(pattern.begin(), pattern.begin() + 2048);
+        forged[511] ^= 0x01;
+        side.link.SetFaults({RawReplyFault("ReadSector", MakeAck(forged), 2)});  // the first proof read
+        LinkProfile fast;
+        fast.fast = fast.autoBaud = true;
+        fast.ratePolicy = LinkProfile::kRefuseUnsupported;
+        side.host.SetLinkProfile(fast);
+        side.host.SetBaud(c.ceiling);
+        testing::internal::CaptureStderr();
+        ASSERT_EQ(0, side.host.OpenUart()) << side.host.m_strMsg;
+        const std::string said = testing::internal::GetCapturedStderr();
+        EXPECT_NE(std::string::npos, said.find(c.said)) << said;
+        EXPECT_EQ(c.speed, side.link.TargetSpeed());
+    }
 }
 
 TEST(BringUp, UpgradeTextGoesOutAndThePortIsGivenBack)

@@ -84,6 +84,7 @@ std::vector<AckCase> AckCases()
         {"error type 3", MakeErrorReply(3), -1, "CMD checksum error!"},
         {"error type 4", MakeErrorReply(4), -1, "CMD invalid!"}, {"error type 5", MakeErrorReply(5), -1, "CMD no mem!"},
         {"error type 0", MakeErrorReply(0), -1, "Unknown error type 0x00!"},
+        {"error type 6", MakeErrorReply(6), -1, "Unknown error type 0x06!"},
         {"error type 0x7F", MakeErrorReply(0x7F), -1, "Unknown error type 0x7F!"},
         {"error type missing", MakeReply(0x01, Bytes()), -1, "Failed to read error type!"},
         {"payload of 8191 bytes", Cut(MakeReply(0x06, Bytes(8191, 0x11)), 12 + 300), -1, "Payload too long!"},
