@@ -66,6 +66,8 @@ TEST(ExitCodes, OnlyWithTheOptionDoesTheStatusTellTheOutcome)
         EXPECT_EQ(c.classic, RunTool(dir, c.args).exitStatus);
         EXPECT_EQ(c.withCode, RunTool(dir, withCode).exitStatus);
     }
+    // No device on the upgrade road: the upgrade text's failure is told, then the connection's.
+    EXPECT_TRUE(Has(RunTool(dir, {"-D", "n", "-i", "main.img", "-c", "/none/tty"}).out, "Open uart error!3%: Opening com...\n"));
 }
 
 TEST(JsonLines, StdoutIsOnlyJsonEndingInOneResultWhateverThePathHolds)

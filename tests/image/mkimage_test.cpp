@@ -34,10 +34,9 @@ TEST_F(MkImage, BuildsAnImageThatParses)
     ASSERT_EQ(2, parser.iSectionCount);
     SectionHeader first = DecodeSectionHeader(parser.pSection[0].get());
     SectionHeader second = DecodeSectionHeader(parser.pSection[1].get());
-    EXPECT_EQ(2u, first.version);
-    EXPECT_EQ(0x01000000u, first.ID);
-    EXPECT_EQ(1u, first.attribute);
-    EXPECT_EQ(70000u, first.data_size);
+    // version, ID, attribute, data size
+    EXPECT_EQ((std::vector<uint32_t>{2, 0x01000000, 1, 70000}),
+              (std::vector<uint32_t>{first.version, first.ID, first.attribute, first.data_size}));
     EXPECT_EQ(0x8000u << 8, LoadLe32(first.priv));
     EXPECT_EQ(0x1F8000u, LoadLe32(first.priv + 4));
     EXPECT_EQ(64u + 70000 + 10, first.next_section);
@@ -51,6 +50,7 @@ TEST_F(MkImage, BuildsAnImageThatParses)
     EXPECT_TRUE(std::equal(file.begin(), file.begin() + 5, image.end() - 5));
     EXPECT_EQ(std::vector<unsigned char>(10, 0), std::vector<unsigned char>(image.end() - 79, image.end() - 69)) << "gap";
     EXPECT_NE(file, std::vector<unsigned char>(file.size(), file[0]));
+    EXPECT_EQ(0, Run({"-o", "last.img", "--random-data", "5", "7", "d.bin"}).exitStatus) << "a data file may end the list";
 }
 
 TEST_F(MkImage, BadArgumentsGiveUsageAndStatusOne)

@@ -128,7 +128,7 @@ TEST(EtfPlacement, RefusesImagesWithoutAPlaceOrWithoutData)
 {
     const struct { const char* what; uint32_t otaAddress; EtfSource source; } cases[] = {
         {"no OTA area", 0xFFFFFFFF, EtfSource{0, 164, 100000}},
-        {"start wraps past 4 GiB", 0xFFFFC000, EtfSource{0, 164, 100000}},
+        {"start at 4 GiB, the first address past the 32-bit space", 0xFFFF8000, EtfSource{0, 164, 100000}},
         {"data run past 4 GiB", 0xFFFE0000, EtfSource{0, 164, 164 + 65536 + 65537}},
         {"single-section ETF image", 0x001F8000, EtfSource{0, 0xFFFFFFFF, 100000}},
         {"offset at the end of the file", 0x001F8000, EtfSource{0, 164, 164}},
