@@ -179,22 +179,29 @@ TEST(FastLink, RatesAbove921600UpgradeWithReadBack)
     }
 }
 
-// A console reader that cannot be started ends the run: the upgrade already under
-// way is asked to stop between two steps and waited for, neither cut short nor let
-// run to its end.
-TEST(UpgradeStart, AConsoleThatCannotStartStopsTheUpgradeBetweenSteps)
+// A thread that cannot be started ends the run as a failure and never cuts a flash
+// operation short: without the worker nothing is written; without the console
+// reader the upgrade already under way is asked to stop between two steps and
+// waited for, neither cut short nor let run to its end.
+TEST(UpgradeStart, AThreadThatCannotStartFailsTheRunBetweenSteps)
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the sanitizer's own pthread_create comes before the shim's";
 #endif
-    UpgradeBench bench;
-    bench.WriteFile("main.img", MakeImage(1, {200000}, 12));
-    bench.UseShim(KESTREL_ADAPTER_SHIM);
-    bench.toolLauncher.push_back("KESTREL_SHIM_FAIL_THREAD=2");  // the worker starts, the console does not
-    ProcessResult r = bench.Run({"-i", "main.img"});
-    EXPECT_TRUE(Has(r.out, "Create InputThread error!\n")) << r.out;
-    EXPECT_TRUE(Has(r.out, "User stoped!\n")) << r.out;
-    EXPECT_EQ(bench.InitialFlash(), bench.Flash());
+    const struct { const char* failing; const char* said; const char* then; } cases[] = {
+        {"KESTREL_SHIM_FAIL_THREAD=1", "Create UpGradeThread error!\n", ""},
+        {"KESTREL_SHIM_FAIL_THREAD=2", "Create InputThread error!\n", "User stoped!\n"},
+    };
+    for (const auto& c : cases) {
+        UpgradeBench bench;
+        bench.WriteFile("main.img", MakeImage(1, {200000}, 12));
+        bench.UseShim(KESTREL_ADAPTER_SHIM);
+        bench.toolLauncher.push_back(c.failing);
+        ProcessResult r = bench.Run({"-i", "main.img"});
+        EXPECT_TRUE(Has(r.out, c.said) && Has(r.out, c.then)) << r.out;
+        EXPECT_EQ(255, r.exitStatus);
+        EXPECT_EQ(bench.InitialFlash(), bench.Flash());
+    }
 }
 
 }  // namespace

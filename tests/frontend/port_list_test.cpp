@@ -38,12 +38,10 @@ TEST(PortList, UsbIdsSerialDriverAndByIdNameComeFromSysfsAndEveryFolderReadIsClo
     EXPECT_EQ(dev + "/ttyACM0", ports[0].path);
     EXPECT_EQ("", ports[0].vendor) << "no sysfs entry: nothing invented";
     EXPECT_EQ("", ports[0].byId);
-    EXPECT_EQ(dev + "/ttyUSB0", ports[1].path);
-    EXPECT_EQ("0403", ports[1].vendor);
-    EXPECT_EQ("6001", ports[1].product);
-    EXPECT_EQ("KS000001", ports[1].serial);
-    EXPECT_EQ("ftdi_sio", ports[1].driver);
-    EXPECT_EQ(dev + "/serial/by-id/usb-FTDI_FT232R_USB_UART_KS000001-if00-port0", ports[1].byId);
+    const SerialPortInfo& usb = ports[1];  // path, vendor, product, serial, driver, by-id name
+    EXPECT_EQ((std::vector<std::string>{dev + "/ttyUSB0", "0403", "6001", "KS000001", "ftdi_sio",
+                                        dev + "/serial/by-id/usb-FTDI_FT232R_USB_UART_KS000001-if00-port0"}),
+              (std::vector<std::string>{usb.path, usb.vendor, usb.product, usb.serial, usb.driver, usb.byId}));
 }
 
 // The tool looks at the real /sys and /dev (whatever ports this machine has): the

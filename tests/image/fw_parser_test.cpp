@@ -73,9 +73,8 @@ TEST_F(FwParserTest, SectionsAreTakenInChainOrderUpToOneHundred)
     PlaceAt(image, 500, SectionBytes({4, 5, 6, 7}, 200, 0xB));
     ASSERT_EQ(0, ParseBytes(image));
     ASSERT_EQ(3, parser.iSectionCount);
-    EXPECT_EQ(0xAu, RecordField(0, kOffId));
-    EXPECT_EQ(0xBu, RecordField(1, kOffId));
-    EXPECT_EQ(0xCu, RecordField(2, kOffId));
+    EXPECT_EQ((std::vector<uint32_t>{0xA, 0xB, 0xC}),
+              (std::vector<uint32_t>{RecordField(0, kOffId), RecordField(1, kOffId), RecordField(2, kOffId)}));
     EXPECT_EQ(200u + 64 + 1, ImageSectionsLength(parser));
 
     auto chain = [](int count, uint32_t lastNext) {

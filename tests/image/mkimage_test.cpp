@@ -34,12 +34,10 @@ TEST_F(MkImage, BuildsAnImageThatParses)
     ASSERT_EQ(2, parser.iSectionCount);
     SectionHeader first = DecodeSectionHeader(parser.pSection[0].get());
     SectionHeader second = DecodeSectionHeader(parser.pSection[1].get());
-    // version, ID, attribute, data size
-    EXPECT_EQ((std::vector<uint32_t>{2, 0x01000000, 1, 70000}),
-              (std::vector<uint32_t>{first.version, first.ID, first.attribute, first.data_size}));
-    EXPECT_EQ(0x8000u << 8, LoadLe32(first.priv));
-    EXPECT_EQ(0x1F8000u, LoadLe32(first.priv + 4));
-    EXPECT_EQ(64u + 70000 + 10, first.next_section);
+    // version, ID, attribute, data size, OTA size word and address, next section
+    EXPECT_EQ((std::vector<uint32_t>{2, 0x01000000, 1, 70000, 0x8000u << 8, 0x1F8000, 64 + 70000 + 10}),
+              (std::vector<uint32_t>{first.version, first.ID, first.attribute, first.data_size, LoadLe32(first.priv),
+                                     LoadLe32(first.priv + 4), first.next_section}));
     EXPECT_EQ(0x20000000u, second.sram_offs);
     EXPECT_EQ(0u, second.ID);  // section options apply to one section only
 

@@ -75,12 +75,9 @@ TEST(CommandsEndToEnd, InfoShowsIdentifierCapacityResponderAndRate)
 
     ProcessResult j = bench.Run({"--info", "--json"}, {"--responder", "2", "--flash-id", "EF4001"});
     ASSERT_EQ(1u, Events(j.out, "info").size()) << j.out;
-    const nlohmann::json info = Events(j.out, "info")[0];
-    EXPECT_EQ("EF4001", info["flash_id"]);
-    EXPECT_EQ("0xEF", info["maker"]);
-    EXPECT_EQ(0, info["capacity"]);  // the last byte is no capacity code
-    EXPECT_EQ(2, info["responder"]);
-    EXPECT_EQ(false, info["boot_loader"]);
+    // Capacity 0: the identifier's last byte is no capacity code.
+    EXPECT_EQ(nlohmann::json({{"event", "info"}, {"flash_id", "EF4001"}, {"maker", "0xEF"}, {"capacity", 0},
+                              {"responder", 2}, {"boot_loader", false}, {"rate", 921600}}), Events(j.out, "info")[0]);
     EXPECT_EQ(bench.InitialFlash(), bench.Flash());
 
     // No device: the upgrade text's failure is told, then the connection's.
