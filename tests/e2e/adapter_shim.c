@@ -57,6 +57,11 @@
  *   replaces the value as writing a sysfs attribute does. The tree is built by
  *   tests/support/fake_sysfs.h: DIR/dev/ttyUSB0 is a symlink to the simulator's pty,
  *   so opening "/dev/ttyUSB0" reaches the simulator.
+ *   When DIR/serial_flags exists the terminal has a serial driver's flags word:
+ *   TIOCGSERIAL answers with the number on the file's last line as the flags (every
+ *   other field zero) and TIOCSSERIAL appends the flags it is given as a new line, so
+ *   the file ends as the history of what the program set. Without the file both
+ *   requests go to the pseudo-terminal, which refuses them.
  */
 #define _GNU_SOURCE
 #include <dirent.h>
@@ -64,6 +69,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <linux/serial.h>
 #include <poll.h>
 #include <pthread.h>
 #include <stdarg.h>
@@ -279,6 +285,32 @@ int tcsetattr(int fd, int action, const struct termios* attributes)
     return REAL(tcsetattr)(fd, action, attributes);
 }
 
+/* The serial driver's flags word, kept in DIR/serial_flags (see the top). */
+static int serial_flags_ioctl(int fd, unsigned long request, struct serial_struct* info)
+{
+    const char* root = getenv("KESTREL_SHIM_SYSFS_ROOT");
+    char path[PATH_MAX];
+    if (!root || !*root || !info || !isatty(fd) ||
+        snprintf(path, sizeof path, "%s/serial_flags", root) >= (int)sizeof path || access(path, F_OK) != 0)
+        return -2; /* not emulated */
+    int result = -1;
+    FILE* file = REAL(fopen)(path, request == TIOCGSERIAL ? "r" : "a");
+    if (!file)
+        return -1;
+    if (request == TIOCGSERIAL) {
+        int flags = 0, last = 0;
+        while (fscanf(file, "%d", &flags) == 1)
+            last = flags;
+        memset(info, 0, sizeof *info);
+        info->flags = last;
+        result = 0;
+    } else {
+        result = fprintf(file, "%d\n", info->flags) > 0 ? 0 : -1;
+    }
+    fclose(file);
+    return result;
+}
+
 int ioctl(int fd, unsigned long request, ...)
 {
     va_list args;
@@ -289,6 +321,11 @@ int ioctl(int fd, unsigned long request, ...)
     if (modem && *modem &&
         (request == TIOCMSET || request == TIOCMBIS || request == TIOCMBIC || request == TIOCMGET) && isatty(fd))
         return modem_ioctl(modem, request, arg);
+    if (request == TIOCGSERIAL || request == TIOCSSERIAL) {
+        const int emulated = serial_flags_ioctl(fd, request, arg);
+        if (emulated != -2)
+            return emulated;
+    }
     return REAL(ioctl)(fd, request, arg);
 }
 

@@ -265,22 +265,25 @@ TEST(PortDiscovery, FindsTheOnePortWhoseBoardAnswers)
 }
 
 // Adapter awareness on a made-up adapter: the family caps the auto-baud ladder and
-// names the adapter in the start event; an FTDI latency timer is lowered to 1 ms on
-// the fast link and put back when the port closes.
+// names the adapter in the start event; on the fast link an FTDI latency timer is
+// lowered to 1 ms and the driver's low-latency flag set, both put back when the port
+// closes.
 TEST(AdapterAwareness, FamilyCapsTheLadderAndTheLatencyTimerIsRestored)
 {
     const struct {
         FakeAdapter adapter;
         std::vector<std::string> args;
-        const char *err, *json, *latencyAfter;
+        const char *err, *json, *latencyAfter, *serialFlags;  // the flags word as set, open by open
     } rows[] = {
         {FakeAdapter{"ttyUSB0", "1a86", "7523", "ch341", "S1", "WCH", "USB_Serial", -1},
-         {"--auto-baud", "-b", "3000000", "--json"}, "link: 921600 bit/s, verified", "\"adapter\":\"CH340\"", ""},
-        {FakeAdapter{}, {}, "adapter latency timer: 16 ms -> 1 ms while the port is open\n", "", "16"},
+         {"--auto-baud", "-b", "3000000", "--json"}, "link: 921600 bit/s, verified", "\"adapter\":\"CH340\"", "", ""},
+        {FakeAdapter{}, {}, "adapter latency timer: 16 ms -> 1 ms while the port is open\n", "", "16", "0\n8192\n0\n8192\n0\n"},
     };
     for (const auto& row : rows) {
         LineBench line(false);
         const std::string root = line.FakeSysfs(row.adapter);
+        if (*row.serialFlags)
+            WriteText(root + "/serial_flags", "0\n");
         std::vector<std::string> args = {"-c", "/dev/ttyUSB0", "--fast"};
         args.insert(args.end(), row.args.begin(), row.args.end());
         ProcessResult r = line.Run(args, {"--link", line.bench.Path("board0")});
@@ -288,6 +291,7 @@ TEST(AdapterAwareness, FamilyCapsTheLadderAndTheLatencyTimerIsRestored)
         EXPECT_EQ(1u, CountOccurrences(r.err, row.err)) << r.err;
         EXPECT_NE(std::string::npos, r.out.find(row.json)) << r.out;
         EXPECT_EQ(row.latencyAfter, FakeLatencyTimer(root, row.adapter));
+        EXPECT_EQ(row.serialFlags, ReadText(root + "/serial_flags"));
     }
 }
 
