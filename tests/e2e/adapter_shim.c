@@ -293,22 +293,20 @@ static int serial_flags_ioctl(int fd, unsigned long request, struct serial_struc
     if (!root || !*root || !info || !isatty(fd) ||
         snprintf(path, sizeof path, "%s/serial_flags", root) >= (int)sizeof path || access(path, F_OK) != 0)
         return -2; /* not emulated */
-    int result = -1;
     FILE* file = REAL(fopen)(path, request == TIOCGSERIAL ? "r" : "a");
     if (!file)
         return -1;
+    int result = 0;
     if (request == TIOCGSERIAL) {
         int flags = 0, last = 0;
         while (fscanf(file, "%d", &flags) == 1)
             last = flags;
         memset(info, 0, sizeof *info);
         info->flags = last;
-        result = 0;
-    } else {
-        result = fprintf(file, "%d\n", info->flags) > 0 ? 0 : -1;
+    } else if (fprintf(file, "%d\n", info->flags) <= 0) {
+        result = -1;
     }
-    fclose(file);
-    return result;
+    return fclose(file) == 0 ? result : -1;
 }
 
 int ioctl(int fd, unsigned long request, ...)
